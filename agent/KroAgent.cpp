@@ -1,0 +1,293 @@
+#include "agent/KroAgent.h"
+
+#include <cstring>
+#include <new>
+
+#include "agent/InstalledProducts.h"
+#include "agent/KroVersion.h"
+#include "agent/ModuleState.h"
+#include "common/KroStatus.h"
+#include "common/WinHelper.h"
+#include "config/KroAgentConfiguration.h"
+#include "config/KroConfigurationManager.h"
+#include "hlp/ComHelper.h"
+#include "logging_support/logging_support.h"
+#include "nvthreads/nvthreads.h"
+
+namespace KroAgent {
+namespace {
+
+namespace status = kro::status;
+
+long MainThreadInitEntry(void* context) {
+  return static_cast<KroAgent*>(context)->MainThreadInit(context);
+}
+
+long MainThreadCleanupEntry(void* context) {
+  return static_cast<KroAgent*>(context)->MainThreadCleanup(context);
+}
+
+long MainThreadProcessEntry(void* context) {
+  return static_cast<KroAgent*>(context)->MainThreadProcess(context);
+}
+
+// Dial-home work items, cancelled by name when the agent moves to another port.
+constexpr const char* kDialHomeItems[] = {"retry", "request", "periodic", "startup"};
+
+}  // namespace
+
+KroAgent::KroAgent() = default;
+
+// Threads are not stopped here: the host calls Exit first.
+KroAgent::~KroAgent() = default;
+
+long KroAgent::Init() {
+  try {
+    agentConfig_ = kro::KroConfigurationManager::Instance().GetAgentConfiguration();
+    if (agentConfig_ == nullptr) {
+      return status::OutOfMemory;
+    }
+    logging_support::change_severity_cutoff(agentConfig_->LoggingLevel());
+    logging_support::set_logger_for_thread(Module().logger);
+
+    dialHomeInfo_.Reset();
+    if (const long st = kro::ReadDialHomeInfo(dialHomeInfo_); st != status::Ok) {
+      KRO_LOG_ERROR << "Error fetching dial-home info";
+      return st;
+    }
+    {
+      std::lock_guard<std::mutex> guard(systemInfoLock_);
+      long st = systemInfo_.ResetInventory();
+      if (st == status::Ok) {
+        st = systemInfo_.GatherSystemInfo();
+        if (st >= 0) {
+          systemInfo_.flags |= kro::SystemInventory::kSystem;
+        }
+      }
+      if (st != status::Ok) {
+        KRO_LOG_ERROR << "Error fetching dial-home data";
+        return st;
+      }
+    }
+
+    if (const uint32_t st = nvthreads_init(); st != NVTHREADS_OK) {
+      KRO_LOG_ERROR << "Error initializing NVThreads library";
+      return status::Code(st);
+    }
+    if (const uint32_t st = nvthreads_pool_init(kMainPool); st != NVTHREADS_OK) {
+      KRO_LOG_ERROR << "Error initializing pool [" << kMainPool << "]";
+      return status::Code(st);
+    }
+    Module().currentProductId = 1;
+
+    RegisterHandler("GetRoleVer", [this](const char* request, size_t requestLen,
+                                         const char** response, size_t* responseLen) {
+      return SendRoleVer(request, requestLen, response, responseLen);
+    });
+    SetupUIRoutineList();
+    // The management server reads the agent's settings through the same map.
+    agentConfig_->RegisterRoutines(routines_);
+    return status::Ok;
+  } catch (...) {
+    return status::OutOfMemory;
+  }
+}
+
+long KroAgent::Start() {
+  long result = status::Ok;
+  uint32_t st = nvthreads_thread_create(kMainPool, kMainThread, MainThreadInitEntry,
+                                        MainThreadCleanupEntry, 0, this);
+  if (st != NVTHREADS_OK) {
+    KRO_LOG_ERROR << "Error creating thread [" << kMainThread << "] Status " << st;
+    result = status::Code(st);
+  } else {
+    // First run after 15 s, so that the server and the dial-home client are up by then.
+    st = nvthreads_workitem_add(kMainPool, kMainThread, kMainWorkItem, 1, 15000, 60000, nullptr,
+                                nullptr, MainThreadProcessEntry, this);
+    if (st != NVTHREADS_OK) {
+      KRO_LOG_ERROR << "Error adding workitem [" << kMainWorkItem << "] Status " << st;
+      result = status::Code(st);
+    }
+  }
+  KRO_LOG_INFO << "Created " << kMainThread << " & " << kMainWorkItem << " Status " << result;
+  return result;
+}
+
+long KroAgent::Exit() {
+  // Ending the main thread runs MainThreadCleanup, which stops the pools the agent started.
+  nvthreads_pool_shutdown(kMainPool);
+  nvthreads_pool_cleanup(kMainPool);
+  nvthreads_cleanup();
+  return status::Ok;
+}
+
+long KroAgent::MainThreadInit(void* /*context*/) {
+  try {
+    hlp::ComHelper::ThreadInit();
+    logging_support::set_logger_for_thread(Module().logger);
+
+    // A stale cache entry would keep the management server's old address until it expires.
+    kro::FlushDnsCache();
+
+    const uint16_t agentPort = dialHomeInfo_.agentPort;
+    const bool agentSSL = dialHomeInfo_.agentSSL;
+    unsigned short uiPort = 0;
+    GetAgentUIPort(uiPort);
+
+    kro::WriteRegistryDword(agentPort, kArbaloKey, L"AgentPort");
+    kro::WriteRegistryDword(agentSSL ? 1 : 0, kArbaloKey, L"AgentSSL");
+
+    pendingPort_.store(agentPort);
+
+    KRO_LOG_INFO << "Agent port " << agentPort << (agentSSL ? " (TLS)" : "") << ", UI port "
+                 << uiPort;
+    KRO_LOG_INFO << "Inited KRO Agent Main Thread Status " << 0;
+  } catch (...) {
+    KRO_LOG_ERROR << "Main thread set-up failed";
+  }
+  return status::Ok;
+}
+
+long KroAgent::MainThreadProcess(void* /*context*/) {
+  try {
+    uint32_t pending = pendingPort_.load();
+    // The exchange with itself makes this read a full barrier, like the routine's write.
+    pendingPort_.compare_exchange_strong(pending, pending);
+    const uint16_t newPort = static_cast<uint16_t>(pending & 0xFFFF);
+    if (newPort == dialHomeInfo_.agentPort) {
+      return status::Ok;
+    }
+
+    kro::WriteRegistryDword(newPort, kArbaloKey, L"AgentPort");
+    for (const char* item : kDialHomeItems) {
+      nvthreads_workitem_cancel(kDialHomePool, kDialHomeThread, item);
+    }
+    dialHomeInfo_.flags |= kro::DialHomeInfo::kAgent;
+    dialHomeInfo_.agentPort = newPort;
+    if (const long st = kro::SaveDialHomeInfo(dialHomeInfo_); st != status::Ok) {
+      KRO_LOG_ERROR << "Error saving dial-home info, status " << st;
+    }
+    KRO_LOG_INFO << "Agent port changed to " << newPort;
+  } catch (...) {
+    KRO_LOG_ERROR << "Port change failed";
+  }
+  return status::Ok;
+}
+
+long KroAgent::MainThreadCleanup(void* /*context*/) {
+  try {
+    KRO_LOG_INFO << "Cleanup of KRO Agent Main Thread";
+    nvthreads_pool_shutdown(kDialHomePool);
+    nvthreads_pool_cleanup(kDialHomePool);
+    hlp::ComHelper::ThreadDeinit();
+  } catch (...) {
+    KRO_LOG_ERROR << "Main thread clean-up failed";
+  }
+  return status::Ok;
+}
+
+long KroAgent::RegisterHandler(const char* name, std::function<RoutineFn> routine) {
+  return routines_.Register(name, std::move(routine));
+}
+
+void* KroAgent::AllocateResponse(size_t size) {
+  return new (std::nothrow) char[size];
+}
+
+void KroAgent::ReleaseResponse(void* buffer) {
+  delete[] static_cast<char*>(buffer);
+}
+
+long KroAgent::GenerateAlert(const char* /*alertName*/, unsigned int /*code*/,
+                             const char* /*param1*/, const char* /*param2*/) {
+  return status::NotAvailable;
+}
+
+long KroAgent::UpdateAlert(const char* /*alertName*/, const char* /*schemaName*/,
+                           unsigned int /*code*/) {
+  return status::NotAvailable;
+}
+
+long KroAgent::RemoveAlert(const char* /*alertName*/, const char* /*schemaName*/,
+                           unsigned int /*code*/) {
+  return status::NotAvailable;
+}
+
+unsigned short KroAgent::GetAgentPort() {
+  return dialHomeInfo_.agentPort;
+}
+
+bool KroAgent::GetAgentSSL() {
+  return dialHomeInfo_.agentSSL;
+}
+
+StartupMode KroAgent::GetStartupMode() {
+  return dialHomeInfo_.startupMode;
+}
+
+unsigned int KroAgent::GetBAPhaseLen(BAPhaseType phase) {
+  const auto index = static_cast<uint32_t>(phase);
+  return index > 3 ? 0 : dialHomeInfo_.baPhase[index];
+}
+
+SystemType KroAgent::GetSystemType() {
+  std::lock_guard<std::mutex> guard(systemInfoLock_);
+  return systemInfo_.systemType;
+}
+
+long KroAgent::UpdateDialHomeInfo(const wchar_t* filePath, const char* settingsText) {
+  try {
+    if (filePath == nullptr || settingsText == nullptr) {
+      return status::NotAvailable;
+    }
+    if (const long st = kro::ParseDialHomeInfoJson(dialHomeInfo_, settingsText); st < 0) {
+      return st;
+    }
+    // Only settings that name their management server are worth keeping on disk.
+    if ((dialHomeInfo_.flags & kro::DialHomeInfo::kHomeName) == 0) {
+      return status::NotAvailable;
+    }
+    return kro::WriteDialHomeInfoFile(filePath, dialHomeInfo_);
+  } catch (...) {
+    return status::Failure;
+  }
+}
+
+void KroAgent::SetAgentRemoteUI(bool enabled) {
+  remoteUIAllowed_ = enabled;
+}
+
+long KroAgent::SendRoleVer(const char* /*request*/, size_t /*requestLen*/, const char** response,
+                           size_t* responseLen) {
+  if (response == nullptr || responseLen == nullptr) {
+    return status::NotAvailable;
+  }
+  constexpr size_t kSize = sizeof(kVersionText);
+  char* buffer = new (std::nothrow) char[kSize];
+  if (buffer == nullptr) {
+    return status::OutOfMemory;
+  }
+  std::memcpy(buffer, kVersionText, kSize);
+  *response = buffer;
+  *responseLen = kSize - 1;
+  return status::Ok;
+}
+
+long KroAgent::SetupUIRoutineList() {
+  // Further UI routines join this list the same way.
+  const std::string name = std::string(kUIRequestPrefix) + "getInstalledProducts.json";
+  RegisterHandler(name.c_str(), [](const char* request, size_t requestLen, const char** response,
+                                   size_t* responseLen) {
+    return GetInstalledProductsBrowser(request, requestLen, response, responseLen);
+  });
+  return status::Ok;
+}
+
+long KroAgent::GetAgentUIPort(unsigned short& port) {
+  int64_t value = 0;
+  kro::ReadRegistryNumber(value, kArbaloKey, L"AgentUIPort");
+  port = value < 1 ? kDefaultUIPort : static_cast<unsigned short>(value & 0xFFFF);
+  return status::Ok;
+}
+
+}  // namespace KroAgent

@@ -1,0 +1,100 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <mutex>
+
+#include "agent/IKroAgent.h"
+#include "agent/RoutineTable.h"
+#include "dialhome/DialHomeInfo.h"
+#include "dialhome/SystemInventory.h"
+
+namespace kro {
+class KroAgentConfiguration;
+}
+
+#if defined(_WIN32)
+#define KRO_AGENT_API __declspec(dllexport)
+#else
+#define KRO_AGENT_API __attribute__((visibility("default")))
+#endif
+
+namespace KroAgent {
+
+/** @brief Registry key of the agent's own values ("AgentPort", "AgentSSL", "AgentUIPort"). */
+inline constexpr const wchar_t* kArbaloKey = L"SOFTWARE\\Norvane Technologies\\Arbalo";
+/** @brief Registry key of the installation values ("InstallDir", "ProductVersion"). */
+inline constexpr const wchar_t* kSetupKey = L"SOFTWARE\\Norvane Technologies\\Arbalo\\Setup";
+
+inline constexpr const char* kMainPool = "AgentMainPool";
+inline constexpr const char* kMainThread = "AgentMainThread";
+inline constexpr const char* kMainWorkItem = "WorkItemAgentMain";
+inline constexpr const char* kDialHomePool = "DialHomePool";
+inline constexpr const char* kDialHomeThread = "DialHomeMainThread";
+
+/** @brief The browser UI's routine prefix. */
+inline constexpr const char* kUIRequestPrefix = "/Arbalo/Requests/";
+
+/** @brief UI port when the registry names none. */
+inline constexpr uint16_t kDefaultUIPort = 13569;
+
+/**
+ * @brief The agent: its start-up and shut-down, its main thread and work items, the routine
+ * map, the dial-home settings and the system information the host can query.
+ */
+class KRO_AGENT_API KroAgent : public IKroAgent {
+ public:
+  KroAgent();
+  ~KroAgent() override;
+  KroAgent(const KroAgent&) = delete;
+  KroAgent& operator=(const KroAgent&) = delete;
+
+  long Init() override;
+  long Start() override;
+  long Exit() override;
+  long RegisterHandler(const char* name, std::function<RoutineFn> routine) override;
+  void* AllocateResponse(size_t size) override;
+  void ReleaseResponse(void* buffer) override;
+  long GenerateAlert(const char* alertName, unsigned int code, const char* param1,
+                     const char* param2) override;
+  long UpdateAlert(const char* alertName, const char* schemaName, unsigned int code) override;
+  long RemoveAlert(const char* alertName, const char* schemaName, unsigned int code) override;
+  unsigned short GetAgentPort() override;
+  bool GetAgentSSL() override;
+  StartupMode GetStartupMode() override;
+  unsigned int GetBAPhaseLen(BAPhaseType phase) override;
+  SystemType GetSystemType() override;
+  long UpdateDialHomeInfo(const wchar_t* filePath, const char* settingsText) override;
+  void SetAgentRemoteUI(bool enabled) override;
+
+  /** @brief Runs once on "AgentMainThread" as it starts. */
+  long MainThreadInit(void* context);
+  /** @brief "WorkItemAgentMain": applies a port change the management server asked for. */
+  long MainThreadProcess(void* context);
+  /** @brief Runs once on "AgentMainThread" as its pool shuts down. */
+  long MainThreadCleanup(void* context);
+
+  /** @brief "GetRoleVer": the module's version text. */
+  long SendRoleVer(const char* request, size_t requestLen, const char** response,
+                   size_t* responseLen);
+
+  RoutineTable& Routines() { return routines_; }
+  /** @brief The port the management server asked for (0 until the port routine is set up). */
+  uint32_t PendingPort() const { return pendingPort_.load(); }
+
+ private:
+  friend class KroAgentTests;
+
+  long SetupUIRoutineList();
+  long GetAgentUIPort(unsigned short& port);
+
+  bool remoteUIAllowed_ = false;
+  kro::KroAgentConfiguration* agentConfig_ = nullptr;  // the process-wide settings, not owned
+  kro::DialHomeInfo dialHomeInfo_;
+  std::atomic<uint32_t> pendingPort_{0};
+  RoutineTable routines_;
+  std::mutex systemInfoLock_;
+  kro::SystemInventory systemInfo_;
+};
+
+}  // namespace KroAgent

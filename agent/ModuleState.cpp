@@ -1,0 +1,10 @@
+#include "agent/ModuleState.h"
+
+namespace KroAgent {
+
+ModuleState& Module() {
+  static ModuleState* state = new ModuleState;
+  return *state;
+}
+
+}  // namespace KroAgent

@@ -1,0 +1,21 @@
+# kro_add_gtest(<name> SOURCES <files>... LIBS <targets>...)
+#
+# Natively every test case becomes its own CTest test (so ctest -j spreads them over the
+# cores). Cross-built, the executable runs once under Wine as a whole: discovering cases
+# through the emulator at build time would start Wine for every build.
+set(KRO_TEST_BIN_DIR ${CMAKE_BINARY_DIR}/tests)
+include(GoogleTest)
+
+function(kro_add_gtest name)
+  cmake_parse_arguments(ARG "" "" "SOURCES;LIBS" ${ARGN})
+  add_executable(${name} ${ARG_SOURCES})
+  target_link_libraries(${name} PRIVATE ${ARG_LIBS} GTest::gtest kro_test_main)
+  set_target_properties(${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${KRO_TEST_BIN_DIR})
+  if(CMAKE_CROSSCOMPILING)
+    add_test(NAME ${name} COMMAND ${name})
+    set_tests_properties(${name} PROPERTIES TIMEOUT 600)
+  else()
+    gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST
+                         PROPERTIES TIMEOUT 120 ENVIRONMENT "KRO_BIN_DIR=${KRO_BIN_DIR}")
+  endif()
+endfunction()

@@ -1,0 +1,218 @@
+#include "config/KroConfiguration.h"
+
+#include <cmath>
+#include <cstring>
+#include <fstream>
+#include <limits>
+#include <new>
+#include <sstream>
+
+#include "common/KroStatus.h"
+#include "hlp/Json.h"
+
+namespace kro {
+
+namespace {
+
+/**
+ * @brief A JSON number as the unsigned word that the settings keep.
+ *
+ * Converting an out-of-range double straight to an unsigned type is undefined, yet a settings
+ * file must narrow modulo 2^width (-1 gives 4294967295, 65536 in a 16-bit field gives 0). So:
+ * truncate toward zero, NaN gives 0, clamp to the int64 range, then wrap to 64 bits; the caller
+ * narrows further. Exact for every value within +-2^63, which holds any sensible setting.
+ */
+uint64_t TruncateToWord(double value) {
+  if (std::isnan(value)) {
+    return 0;
+  }
+  constexpr double kTwoTo63 = 9223372036854775808.0;
+  const double whole = std::trunc(value);
+  if (whole <= -kTwoTo63) {
+    return static_cast<uint64_t>(std::numeric_limits<int64_t>::min());
+  }
+  if (whole >= kTwoTo63) {
+    return static_cast<uint64_t>(std::numeric_limits<int64_t>::max());
+  }
+  return static_cast<uint64_t>(static_cast<int64_t>(whole));
+}
+
+const hlp::JsonValue* NumberMember(const hlp::JsonValue& root, std::string_view key) {
+  const hlp::JsonValue* member = root.FindMember(key);
+  return member != nullptr && member->IsNumber() ? member : nullptr;
+}
+
+}  // namespace
+
+KroConfiguration::~KroConfiguration() {
+  path_.clear();
+}
+
+long KroConfiguration::RegisterRoutines(KroAgent::RoutineTable& /*table*/) {
+  return status::Ok;
+}
+
+long KroConfiguration::ToJson(std::string& /*text*/) const {
+  return status::Ok;
+}
+
+long KroConfiguration::FromJson(const char* /*text*/) {
+  return status::Ok;
+}
+
+long KroConfiguration::Load(const std::string& path) {
+  try {
+    std::lock_guard<std::recursive_mutex> hold(lock_);
+    if (path.empty()) {
+      return status::NotAvailable;
+    }
+    // Kept before the file is tried, so a later Save without a path goes where Load looked.
+    path_ = path;
+
+    std::ifstream in(path, std::ios::binary);
+    if (!in.good()) {
+      return status::FileOpenFailed;
+    }
+    in.seekg(0, std::ios::end);
+    const std::streamoff size = in.tellg();
+    if (size < 0) {
+      return status::FileReadFailed;
+    }
+    std::string text(static_cast<size_t>(size), '\0');
+    in.seekg(0, std::ios::beg);
+    in.read(text.data(), size);
+    in.close();
+    return FromJson(text.c_str());
+  } catch (...) {
+    return status::Failure;
+  }
+}
+
+long KroConfiguration::Save(const std::string& path) {
+  try {
+    std::lock_guard<std::recursive_mutex> hold(lock_);
+    if (path.empty() && path_.empty()) {
+      return status::NotAvailable;
+    }
+    const std::string& target = path.empty() ? path_ : path;
+
+    std::string text;
+    const long result = ToJson(text);
+    if (status::Failed(result)) {
+      return result;
+    }
+    // A settings file that cannot be written is not reported: the settings in memory stand.
+    std::ofstream out(target, std::ios::binary | std::ios::trunc);
+    out.write(text.data(), static_cast<std::streamsize>(text.size()));
+    out.close();
+    return result;
+  } catch (...) {
+    return status::Failure;
+  }
+}
+
+long KroConfiguration::GetConfigure(const char* /*request*/, size_t /*requestLen*/,
+                                    const char** response, size_t* responseLen) const {
+  try {
+    std::lock_guard<std::recursive_mutex> hold(lock_);
+    std::string text;
+    const long result = ToJson(text);
+    if (status::Failed(result)) {
+      return result;
+    }
+    const long copied = CopyToResponse(text, response, responseLen);
+    return status::Failed(copied) ? copied : result;
+  } catch (...) {
+    return status::Failure;
+  }
+}
+
+long KroConfiguration::SaveConfigure(const char* /*request*/, size_t /*requestLen*/,
+                                     const char** /*response*/, size_t* /*responseLen*/) {
+  std::lock_guard<std::recursive_mutex> hold(lock_);
+  return status::NotAvailable;
+}
+
+std::string KroConfiguration::FilePath() const {
+  try {
+    std::lock_guard<std::recursive_mutex> hold(lock_);
+    return path_;
+  } catch (...) {
+    return {};
+  }
+}
+
+std::unique_ptr<hlp::JsonValue> KroConfiguration::ParseObject(const char* text) {
+  if (text == nullptr) {
+    return nullptr;
+  }
+  hlp::JsonParser parser(0);
+  std::unique_ptr<hlp::JsonValue> root = parser.Parse(text);
+  if (root == nullptr || !root->IsObject()) {
+    return nullptr;
+  }
+  return root;
+}
+
+void KroConfiguration::ApplyNumber(const hlp::JsonValue& root, std::string_view key,
+                                   uint32_t& field) {
+  if (const hlp::JsonValue* member = NumberMember(root, key)) {
+    field = static_cast<uint32_t>(TruncateToWord(member->GetDouble()));
+  }
+}
+
+void KroConfiguration::ApplyNumber(const hlp::JsonValue& root, std::string_view key,
+                                   uint16_t& field) {
+  if (const hlp::JsonValue* member = NumberMember(root, key)) {
+    field = static_cast<uint16_t>(TruncateToWord(member->GetDouble()));
+  }
+}
+
+void KroConfiguration::ApplyLoggingLevel(const hlp::JsonValue& root, uint32_t& field) {
+  constexpr uint32_t kHighestLevel = 5;  // fatal
+  constexpr uint32_t kErrorLevel = 4;
+  ApplyNumber(root, "LoggingLevel", field);
+  if (field > kHighestLevel) {
+    field = kErrorLevel;
+  }
+}
+
+void KroConfiguration::ApplyFlag(const hlp::JsonValue& root, std::string_view key, bool& field) {
+  const hlp::JsonValue* member = root.FindMember(key);
+  if (member != nullptr && member->IsBool()) {
+    field = member->GetBool();
+  }
+}
+
+void KroConfiguration::WriteNumber(hlp::JsonWriter& writer, std::string_view key, uint64_t value) {
+  writer.Name(key);
+  writer.ValueCheck();
+  writer.Stream() << value;
+  writer.ValuePost();
+}
+
+long KroConfiguration::FinishJson(const hlp::JsonWriter& writer, const std::ostringstream& out,
+                                  std::string& text) {
+  if (!writer.IsComplete()) {
+    return status::Failure;
+  }
+  text = out.str();
+  return status::Ok;
+}
+
+long KroConfiguration::CopyToResponse(const std::string& text, const char** response,
+                                      size_t* responseLen) {
+  if (response == nullptr || responseLen == nullptr) {
+    return status::NotAvailable;
+  }
+  char* buffer = new (std::nothrow) char[text.size() + 1];
+  if (buffer == nullptr) {
+    return status::OutOfMemory;
+  }
+  std::memcpy(buffer, text.c_str(), text.size() + 1);
+  *response = buffer;
+  *responseLen = text.size();
+  return status::Ok;
+}
+
+}  // namespace kro

@@ -1,0 +1,106 @@
+#pragma once
+
+// Internal to hlp: the parse loop that JsonReader and JsonParser share.
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+#include <rapidjson/error/en.h>
+#include <rapidjson/memorystream.h>
+#include <rapidjson/reader.h>
+
+#include "hlp/Json.h"
+
+namespace hlp::detail {
+
+/** @brief Parse flags every caller gets: no recursion, strict UTF-8, exact doubles. */
+inline constexpr unsigned kBaseParseFlags = rapidjson::kParseIterativeFlag |
+                                            rapidjson::kParseValidateEncodingFlag |
+                                            rapidjson::kParseFullPrecisionFlag;
+
+/**
+ * @brief Forwards parse events to `Target`, refusing nesting deeper than kJsonMaxDepth.
+ *
+ * The iterative parser keeps its own state on the heap, so depth alone would only cost
+ * memory; the bound is what keeps a hostile text small and later walks over the tree shallow.
+ */
+template <typename Target>
+class DepthLimited {
+ public:
+  explicit DepthLimited(Target& target) : target_(target) {}
+
+  bool Null() { return target_.Null(); }
+  bool Bool(bool b) { return target_.Bool(b); }
+  bool Int(int i) { return target_.Int(i); }
+  bool Uint(unsigned u) { return target_.Uint(u); }
+  bool Int64(int64_t i) { return target_.Int64(i); }
+  bool Uint64(uint64_t u) { return target_.Uint64(u); }
+  bool Double(double d) { return target_.Double(d); }
+  bool RawNumber(const char* s, rapidjson::SizeType n, bool copy) {
+    return target_.RawNumber(s, n, copy);
+  }
+  bool String(const char* s, rapidjson::SizeType n, bool copy) {
+    return target_.String(s, n, copy);
+  }
+  bool Key(const char* s, rapidjson::SizeType n, bool copy) { return target_.Key(s, n, copy); }
+  bool StartObject() { return Enter() && target_.StartObject(); }
+  bool EndObject(rapidjson::SizeType n) {
+    --depth_;
+    return target_.EndObject(n);
+  }
+  bool StartArray() { return Enter() && target_.StartArray(); }
+  bool EndArray(rapidjson::SizeType n) {
+    --depth_;
+    return target_.EndArray(n);
+  }
+
+  bool TooDeep() const { return tooDeep_; }
+
+ private:
+  bool Enter() {
+    if (depth_ == kJsonMaxDepth) {
+      tooDeep_ = true;
+      return false;
+    }
+    ++depth_;
+    return true;
+  }
+
+  Target& target_;
+  unsigned depth_ = 0;
+  bool tooDeep_ = false;
+};
+
+inline std::string DescribeParseError(std::string_view what, size_t offset) {
+  return std::string(what) + " (at byte " + std::to_string(offset) + ")";
+}
+
+/**
+ * @brief Parses all of `text` into `target`; empty on success, else what went wrong and where.
+ *
+ * `text` need not be NUL-terminated. The parser stops at a NUL byte as if the text ended
+ * there, so a NUL before the end is reported as data after the value.
+ */
+template <unsigned Flags, typename Target>
+std::string ParseInto(std::string_view text, Target& target) {
+  rapidjson::MemoryStream stream(text.data(), text.size());
+  rapidjson::Reader reader;
+  DepthLimited<Target> handler(target);
+  const rapidjson::ParseResult result = reader.Parse<Flags | kBaseParseFlags>(stream, handler);
+  if (handler.TooDeep()) {
+    return DescribeParseError("Nesting deeper than " + std::to_string(kJsonMaxDepth) + " levels",
+                              result.Offset());
+  }
+  if (result.IsError()) {
+    return DescribeParseError(rapidjson::GetParseError_En(result.Code()), result.Offset());
+  }
+  if (stream.Tell() != text.size()) {
+    return DescribeParseError(
+        rapidjson::GetParseError_En(rapidjson::kParseErrorDocumentRootNotSingular), stream.Tell());
+  }
+  return {};
+}
+
+}  // namespace hlp::detail

@@ -1,0 +1,51 @@
+#!/usr/bin/env bash
+# The project's run command: installs what is missing, makes a release build, lays out a demo
+# installation in ./demo and runs the agent in the foreground (Ctrl+C stops it).
+#
+#   demo/bin/            kroagent, libKroAgent.so (the host folder: KroAgent.log lands here)
+#   demo/registry.reg    the demo's HKEY_LOCAL_MACHINE (KRO_REGISTRY_FILE points here)
+#   demo/install/        the installation folder ("InstallDir"), with its settings files
+set -euo pipefail
+cd "$(dirname "${BASH_SOURCE[0]}")/.."
+root=$PWD
+demo=$root/demo
+
+bash scripts/setup.sh
+cmake --preset release >/dev/null
+cmake --build --preset release -- -j"$(nproc)"
+
+rm -rf "$demo/bin"
+mkdir -p "$demo/bin" "$demo/install/Kesta/Policy"
+cp -a "$root/build/release/bin/." "$demo/bin/"
+
+# Settings the agent reads at start-up; kept when they exist so a demo can be tuned.
+[[ -f $demo/install/DialHomeInfo.txt ]] ||
+  echo "HomeName:127.0.0.1,HomePort:13570,HomeSSL:N,AgentPort:13568,AgentSSL:Y,StartupMode:Normal" \
+    >"$demo/install/DialHomeInfo.txt"
+[[ -f $demo/install/Kesta/Policy/AgentConfig.cfg ]] ||
+  echo '{"LoggingLevel":2,"DialHomeInterval":60}' >"$demo/install/Kesta/Policy/AgentConfig.cfg"
+
+cat >"$demo/registry.reg" <<REG
+Windows Registry Editor Version 5.00
+
+[HKEY_LOCAL_MACHINE\\SOFTWARE\\Norvane Technologies\\Arbalo\\Setup]
+"InstallDir"="$demo/install/"
+"ProductVersion"="7.0.222.0"
+
+[HKEY_LOCAL_MACHINE\\SOFTWARE\\Norvane Technologies\\Arbalo]
+"AgentUIPort"="13569"
+
+REG
+
+export KRO_REGISTRY_FILE=$demo/registry.reg
+cat <<TXT
+
+KroAgent demo
+  host and module   $demo/bin
+  log               $demo/bin/KroAgent.log
+  registry          $demo/registry.reg
+  installation      $demo/install
+Stop with Ctrl+C.
+
+TXT
+exec "$demo/bin/kroagent"

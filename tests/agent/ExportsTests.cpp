@@ -1,0 +1,58 @@
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "agent/IKroAgent.h"
+#include "host/HostPlatform.h"
+
+namespace {
+
+// The module as a host finds it: built into bin/, beside the tests' folder.
+void* LoadBuiltModule() {
+  const auto file =
+      kro::host::ExecutableFolder().parent_path() / "bin" / kro::host::kModuleFileName;
+  std::string error;
+  void* module = kro::host::LoadModule(file, error);
+  EXPECT_NE(module, nullptr) << file.string() << ": " << error;
+  return module;
+}
+
+TEST(ExportsTests, BothNamesOfEachEntryPointReachTheSameCode) {
+  void* module = LoadBuiltModule();
+  ASSERT_NE(module, nullptr);
+  const char* pairs[][2] = {{"InitKroAgent", "InitKroBase"},
+                            {"GetKroAgent", "GetKroBase"},
+                            {"ReleaseKroAgent", "ReleaseKroBase"},
+                            {"DeInitKroAgent", "DeInitKroBase"}};
+  for (const auto& pair : pairs) {
+    SCOPED_TRACE(pair[0]);
+    void* first = kro::host::FindExport(module, pair[0]);
+    ASSERT_NE(first, nullptr);
+    EXPECT_EQ(first, kro::host::FindExport(module, pair[1]));
+  }
+}
+
+TEST(ExportsTests, ReleaseDestroysTheAgentAndClearsThePointer) {
+  void* module = LoadBuiltModule();
+  ASSERT_NE(module, nullptr);
+  auto get = reinterpret_cast<GetKroAgentFn>(kro::host::FindExport(module, "GetKroBase"));
+  auto release =
+      reinterpret_cast<ReleaseKroAgentFn>(kro::host::FindExport(module, "ReleaseKroAgent"));
+  auto version =
+      reinterpret_cast<GetKroAgentVersionFn>(kro::host::FindExport(module, "GetKroAgentVersion"));
+  ASSERT_TRUE(get != nullptr && release != nullptr && version != nullptr);
+
+  EXPECT_STREQ(version(), "7.0.222.0");
+  release(nullptr);  // ignored
+  IKroAgent* none = nullptr;
+  release(&none);
+  EXPECT_EQ(none, nullptr);
+
+  IKroAgent* agent = get();
+  ASSERT_NE(agent, nullptr);
+  EXPECT_EQ(agent->GetAgentPort(), 13568);
+  release(&agent);
+  EXPECT_EQ(agent, nullptr);
+}
+
+}  // namespace

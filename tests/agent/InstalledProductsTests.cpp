@@ -1,0 +1,266 @@
+#include "agent/InstalledProducts.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "common/KroStatus.h"
+#include "common/WinHelper.h"
+#include "tests/support/TestSupport.h"
+
+namespace KroAgent {
+namespace {
+
+namespace status = kro::status;
+
+std::string Utf8(const std::filesystem::path& path) {
+  const std::u8string text = path.u8string();
+  return std::string(text.begin(), text.end());
+}
+
+/** @brief `text` as a JSON string body: our paths carry backslashes on Windows. */
+std::string JsonEscaped(const std::string& text) {
+  std::string out;
+  for (char c : text) {
+    if (c == '\\' || c == '"') {
+      out += '\\';
+    }
+    out += c;
+  }
+  return out;
+}
+
+std::string ProductsFile(const std::string& products) {
+  return "{\"products\":[" + products + "]}";
+}
+
+class InstalledProductsTests : public testing::Test {
+ protected:
+  void SetUp() override {
+    kesta_ = Utf8(dir_.Path()) + kro::kPathSeparatorA;
+    ASSERT_EQ(Products().SetFolders("", kesta_), status::Ok);
+  }
+
+  static InstalledProducts& Products() { return InstalledProducts::Instance(); }
+
+  long Load(const std::string& content) {
+    dir_.Write("Products.cfg", content);
+    return Products().ReloadProducts();
+  }
+
+  static std::string Report() {
+    const char* response = nullptr;
+    size_t length = 0;
+    EXPECT_EQ(GetInstalledProductsBrowser("", 0, &response, &length), status::Ok);
+    if (response == nullptr) {
+      return {};
+    }
+    std::string text(response, length);
+    delete[] response;
+    return text;
+  }
+
+  std::string ReportOf(const std::string& prods) const {
+    return "{\"kro_version\":\"7.0.222.0\",\"root_path\":\"" +
+           JsonEscaped(kesta_.substr(0, kesta_.size() - 1)) + "\",\"prods\":[" + prods + "]}";
+  }
+
+  static std::vector<uint16_t> Ids() {
+    ProductMap products;
+    Products().QueryProducts(products);
+    std::vector<uint16_t> ids;
+    for (const auto& [id, record] : products) {
+      ids.push_back(id);
+    }
+    return ids;
+  }
+
+  kro::test::TempDir dir_;
+  std::string kesta_;
+};
+
+TEST_F(InstalledProductsTests, BadFilesLeaveAnEmptyTable) {
+  struct Case {
+    const char* content;  // null: no file at all
+    long status;
+  };
+  const Case cases[] = {
+      {nullptr, status::FileOpenFailed},
+      {"", status::MalformedData},
+      {"{\"products\":", status::NotAvailable},
+      {"{\"items\":[]}", status::NotAvailable},
+      {"{\"products\":{}}", status::NotAvailable},
+      {"{\"products\":[]}", status::NotAvailable},
+      {"{\"products\":[{\"id\":0},{\"name\":\"x\"},{\"id\":\"2\"},{\"id\":70000}]}",
+       status::NotAvailable},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.content != nullptr ? c.content : "(no file)");
+    ASSERT_EQ(Load("{\"products\":[{\"id\":4}]}"), status::Ok);
+    std::filesystem::remove(dir_.Path() / "Products.cfg");
+    const long result = c.content != nullptr ? Load(c.content) : Products().ReloadProducts();
+    EXPECT_EQ(result, c.status);
+    ProductMap products;
+    EXPECT_EQ(Products().QueryProducts(products), kNoProducts);
+    EXPECT_EQ(Report(), ReportOf(""));
+  }
+}
+
+TEST_F(InstalledProductsTests, ReportTextForASmallFile) {
+  ASSERT_EQ(Load(ProductsFile(
+                R"({"id":2,"name":"Optim","displayName":"Optimizer","url":"Arbalo/UI",)"
+                R"("version":"2.1.300.4","patchLevel":"P3"},)"
+                R"({"id":1,"name":"Kesta","displayName":"0123456789012345678901234567890123"})")),
+            status::Ok);
+  EXPECT_EQ(Report(), ReportOf(R"({"name":"","key":"Kesta","url":"//","version":"7.0.222.0",)"
+                               R"("patchLevel":""},)"
+                               R"({"name":"Optimizer","key":"Optim","url":"/arbalo/ui/",)"
+                               R"("version":"2.1.300.4","patchLevel":"P3"})"));
+}
+
+TEST_F(InstalledProductsTests, FiveProductsGrowTheTableAndStayInIdOrder) {
+  ASSERT_EQ(Load(ProductsFile(R"({"id":50,"name":"e","version":"5"},{"id":30,"name":"c"},)"
+                              R"({"id":90,"name":"i"},{"id":1,"name":"a"},)"
+                              R"({"id":70,"name":"G","version":"7.1"})")),
+            status::Ok);
+  EXPECT_EQ(Ids(), (std::vector<uint16_t>{1, 30, 50, 70, 90}));
+
+  // The indexes must follow the records into the grown table.
+  ProductRecord record;
+  ASSERT_EQ(Products().FindByName("e", record), status::Ok);
+  EXPECT_EQ(record.id, 50);
+  EXPECT_STREQ(record.versionText, "5");
+  ASSERT_EQ(Products().FindById(70, record), status::Ok);
+  EXPECT_STREQ(record.name, "G");
+  uint32_t packed = 0;
+  ASSERT_EQ(Products().FindVersion(70, 7, packed), status::Ok);
+  EXPECT_EQ(packed, 0x07010000u);
+}
+
+TEST_F(InstalledProductsTests, DuplicatesFailAndAreLeftOut) {
+  EXPECT_EQ(Load(ProductsFile(R"({"id":2,"name":"Alpha"},{"id":3,"name":"ALPHA"},)"
+                              R"({"id":4,"name":"beta"})")),
+            status::Ok);
+  EXPECT_EQ(Ids(), (std::vector<uint16_t>{2, 4}));
+  ProductRecord record;
+  ASSERT_EQ(Products().FindByName("aLpHa", record), status::Ok);
+  EXPECT_EQ(record.id, 2);
+  EXPECT_EQ(Products().FindByName("gamma", record), status::NotFound);
+
+  // The last product's status is the reload's: here the duplicate id.
+  EXPECT_EQ(Load(ProductsFile(R"({"id":2,"name":"one"},{"id":2,"name":"two"})")),
+            status::DuplicateProduct);
+  EXPECT_EQ(Ids(), (std::vector<uint16_t>{2}));
+}
+
+TEST_F(InstalledProductsTests, VersionTextPacking) {
+  struct Case {
+    const char* text;
+    bool valid;
+    uint32_t packed;
+  };
+  const Case cases[] = {
+      {"7", true, 0x07000000},
+      {"7.0.222.0", true, 0x07000DE0},
+      {"1.2.4097.3", true, 0x01020013},
+      {"256.1.2.31", true, 0x0001002F},
+      {"7a", false, 0},
+      {"7.0.222.0x", false, 0},
+      {"1.2.3.4.5", false, 0},
+      {"7.", false, 0},
+      {"", false, 0},
+      {".1", false, 0},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.text);
+    uint32_t packed = 0;
+    EXPECT_EQ(PackVersionText(c.text, packed), c.valid);
+    if (c.valid) {
+      EXPECT_EQ(packed, c.packed);
+    }
+  }
+}
+
+TEST_F(InstalledProductsTests, OnlyValidVersionsAreRecorded) {
+  ASSERT_EQ(Load(ProductsFile(R"({"id":2,"name":"a","version":"7a"},)"
+                              R"({"id":3,"name":"b","version":"0.0.0.0"},)"
+                              R"({"id":4,"name":"c","version":"100.200.3000.100"})")),
+            status::Ok);
+  struct Case {
+    uint16_t id;
+    uint32_t count;
+    uint32_t packed;
+    const char* text;
+  };
+  const Case cases[] = {
+      {2, 0, 0, ""},
+      {3, 0, 0, ""},
+      {4, 1, 0x64C8BB84, ""},  // packed, but the text is too long to keep
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.id);
+    ProductRecord record;
+    ASSERT_EQ(Products().FindById(c.id, record), status::Ok);
+    EXPECT_EQ(record.versionCount, c.count);
+    EXPECT_EQ(record.packedVersion, c.packed);
+    EXPECT_STREQ(record.versionText, c.text);
+  }
+}
+
+TEST_F(InstalledProductsTests, PathsAndVersionsFromTheProductFolder) {
+#ifdef _WIN32
+  const std::string absolute = "C:\\Products\\Tool";
+  const std::filesystem::path executable =
+      std::filesystem::path(std::getenv("SystemRoot")) / "regedit.exe";
+#else
+  const std::string absolute = "/opt/products/tool";
+  const std::filesystem::path executable = "/bin/true";
+#endif
+  std::filesystem::create_directories(dir_.Path() / "app");
+  std::filesystem::copy_file(executable, dir_.Path() / "app" / "tool.exe");
+  std::string fileVersion;
+  ASSERT_EQ(detail::ReadFileVersion(Utf8(dir_.Path() / "app" / "tool.exe"), fileVersion),
+            status::Ok);
+#ifdef _WIN32
+  EXPECT_FALSE(fileVersion.empty());  // Windows' own tools name their version
+#else
+  EXPECT_TRUE(fileVersion.empty());
+#endif
+  // A text such as "10.0.19041.1 (WinBuild.160101.0800)" is no version to record.
+  uint32_t packed = 0;
+  const std::string expectedVersion =
+      PackVersionText(fileVersion, packed) && packed != 0 ? fileVersion : "";
+
+  // "missing" cannot be listed, so it fails and its slot goes to the product after it.
+  ASSERT_EQ(Load(ProductsFile(R"({"id":2,"name":"a","path":"app"},)"
+                              R"({"id":3,"name":"b","path":"missing"},)"
+                              R"({"id":4,"name":"c","path":")" +
+                              JsonEscaped(absolute) + R"(","version":"1.0"})")),
+            status::Ok);
+  EXPECT_EQ(Ids(), (std::vector<uint16_t>{2, 4}));
+  ProductRecord record;
+  ASSERT_EQ(Products().FindById(2, record), status::Ok);
+  EXPECT_EQ(record.path, kesta_ + "app");
+  EXPECT_EQ(record.versionText, expectedVersion) << fileVersion;
+  ASSERT_EQ(Products().FindById(4, record), status::Ok);
+  EXPECT_EQ(record.path, absolute);
+
+  // With the install folder known, its service executable is asked instead of the folder.
+  ASSERT_EQ(Products().SetFolders(kesta_, ""), status::Ok);
+  EXPECT_EQ(Products().ReloadProducts(), status::Ok);
+  EXPECT_EQ(Ids(), (std::vector<uint16_t>{2, 3, 4}));
+}
+
+TEST_F(InstalledProductsTests, DefaultKestaFolderIsTheExecutablesGrandparent) {
+  std::wstring exe;
+  ASSERT_EQ(kro::GetHostExecutablePath(exe), status::Ok);
+  const std::filesystem::path grandparent = std::filesystem::path(exe).parent_path().parent_path();
+  InstalledProducts fresh;
+  EXPECT_EQ(fresh.KestaFolder(), Utf8(grandparent) + kro::kPathSeparatorA);
+}
+
+}  // namespace
+}  // namespace KroAgent

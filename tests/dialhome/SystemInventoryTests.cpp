@@ -1,0 +1,315 @@
+#include "dialhome/SystemInventory.h"
+
+#include <gtest/gtest.h>
+
+#include <map>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "common/KroStatus.h"
+#include "common/WinHelper.h"
+#include "hlp/Json.h"
+#include "tests/support/TestSupport.h"
+
+namespace kro {
+namespace {
+
+const std::wstring kSetup = L"SOFTWARE\\Norvane Technologies\\Arbalo\\Setup";
+
+uint32_t Le(const char* four) {
+  uint32_t value = 0;
+  for (int i = 0; i < 4; ++i) {
+    value |= static_cast<uint32_t>(static_cast<unsigned char>(four[i])) << (8 * i);
+  }
+  return value;
+}
+
+/** @brief Registers as a hypervisor with this 12-byte vendor text answers leaf 0x40000000. */
+CpuidRegisters VendorLeaf(const char (&vendor)[13]) {
+  return {0x40000005, Le(vendor), Le(vendor + 4), Le(vendor + 8)};
+}
+
+std::string WriteJson(const SystemInventory& inventory, uint32_t mask) {
+  std::ostringstream out;
+  hlp::JsonWriter writer(out);
+  writer.Object();
+  EXPECT_EQ(inventory.WriteInventoryJson(writer, mask), status::Ok);
+  writer.EndObject();
+  return out.str();
+}
+
+class SystemInventoryTests : public testing::Test {
+ protected:
+  static std::wstring StoredName() {
+    std::wstring name;
+    ReadRegistryString(name, kDialHomeKey, L"SystemName");
+    return name;
+  }
+
+  test::ScopedRegistry registry_;
+  SystemInventory inventory_;
+};
+
+TEST_F(SystemInventoryTests, ProductVersionPacksFourMaskedParts) {
+  struct Case {
+    const wchar_t* text;
+    uint32_t packed;
+  };
+  const Case cases[] = {
+      {L"6.2.300.7", 0x060212C7},
+      {L"7.0.222.0", 0x07000DE0},
+      {L"1.2.5000.20", 0x01023884},  // build keeps its low 12 bits, revision its low 4
+      {L"1.300", 0x012C0000},        // minor keeps its low 8 bits; missing parts are 0
+      {L"7", 0x07000000},
+      {L"300.1.1.1", 0x2C010011},  // what does not fit 32 bits is lost
+      {L"7.1 beta.3", 0x07010030},
+      {L"x.2", 0x00020000},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(testing::PrintToString(std::wstring(c.text)));
+    uint32_t packed = 0xDEADBEEF;
+    ASSERT_EQ(PackProductVersion(c.text, packed), status::Ok);
+    EXPECT_EQ(packed, c.packed);
+  }
+  uint32_t packed = 0;
+  EXPECT_EQ(PackProductVersion(L"", packed), status::NotAvailable);
+}
+
+TEST_F(SystemInventoryTests, WindowsVersionKeepsTheWholeBuild) {
+  EXPECT_EQ(PackWindowsVersion(10, 0, 19045), 0x0A004A65u);
+  EXPECT_EQ(PackWindowsVersion(6, 1, 7601), 0x06011DB1u);
+  EXPECT_EQ(PackWindowsVersion(6, 3, 0x12345), 0x06032345u);  // ORed in, not masked
+}
+
+TEST_F(SystemInventoryTests, HypervisorClassification) {
+  const CpuidRegisters withLeaf1 = {1, 0, 0, 0};
+  const CpuidRegisters hypervisorBit = {0, 0, 1u << 31, 0};
+  const CpuidRegisters rootPartition = {0, 1, 0, 0};
+  struct Case {
+    const char* what;
+    std::map<uint32_t, CpuidRegisters> leaves;
+    KroAgent::SystemType expected;
+  };
+  const Case cases[] = {
+      {"no hypervisor bit", {{0, withLeaf1}, {1, {}}}, KroAgent::Physical},
+      {"no leaf 1", {{0, {0, 0, 0, 0}}, {1, hypervisorBit}}, KroAgent::Physical},
+      {"Hyper-V guest",
+       {{0, withLeaf1}, {1, hypervisorBit}, {0x40000000, VendorLeaf("Microsoft Hv")}},
+       KroAgent::HyperV},
+      {"Hyper-V root",
+       {{0, withLeaf1},
+        {1, hypervisorBit},
+        {0x40000000, VendorLeaf("Microsoft Hv")},
+        {0x40000003, rootPartition}},
+       KroAgent::Physical},
+      {"VMware ignores the Hyper-V leaf",
+       {{0, withLeaf1},
+        {1, hypervisorBit},
+        {0x40000000, VendorLeaf("VMwareVMware")},
+        {0x40000003, rootPartition}},
+       KroAgent::VMware},
+      {"Xen",
+       {{0, withLeaf1}, {1, hypervisorBit}, {0x40000000, VendorLeaf("XenVMMXenVMM")}},
+       KroAgent::Xen},
+      {"KVM",
+       {{0, withLeaf1}, {1, hypervisorBit}, {0x40000000, VendorLeaf("KVMKVMKVM\0\0\0")}},
+       KroAgent::KVM},
+      {"unknown vendor",
+       {{0, withLeaf1}, {1, hypervisorBit}, {0x40000000, VendorLeaf("TCGTCGTCGTCG")}},
+       KroAgent::Virtual},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    const auto cpuid = [&c](uint32_t leaf) {
+      const auto it = c.leaves.find(leaf);
+      return it != c.leaves.end() ? it->second : CpuidRegisters{};
+    };
+    EXPECT_EQ(ClassifyHypervisor(cpuid), c.expected);
+  }
+}
+
+TEST_F(SystemInventoryTests, TopologyCountsPackagesCoresAndMaskBits) {
+  const std::vector<ProcessorEntry> entries = {
+      {ProcessorRelation::Package, 0xFFFF},  {ProcessorRelation::Core, 0xFF},
+      {ProcessorRelation::Cache, 0xFFFF},    {ProcessorRelation::NumaNode, 0xFFFF},
+      {ProcessorRelation::Core, 0x300},      {ProcessorRelation::Package, 0xFFFF0000},
+      {ProcessorRelation::Core, 1ull << 63},
+  };
+  const ProcessorCounts counts = CountProcessors(entries);
+  EXPECT_EQ(counts.packages, 2u);
+  EXPECT_EQ(counts.cores, 3u);
+  EXPECT_EQ(counts.threads, 11u);
+
+  const ProcessorCounts none = CountProcessors({});
+  EXPECT_EQ(none.packages + none.cores + none.threads, 0u);
+}
+
+TEST_F(SystemInventoryTests, JsonHasFixedMemberOrderAndReadsBack) {
+  inventory_.systemName = "host-a";
+  inventory_.systemType = KroAgent::VMware;
+  inventory_.systemArchitecture = 9;
+  inventory_.processorPackages = 1;
+  inventory_.processorCores = 4;
+  inventory_.processorThreads = 8;
+  inventory_.windowsVersion = 0x0A004A65;
+  inventory_.windowsType = 3;
+  inventory_.windowsProductName = L"Windows Server \u00e9";
+  inventory_.totalMemory = 0x1234567890ABCDEFull;
+  inventory_.availableMemory = 1024;
+  inventory_.agentVersion = 0x07000DE0;
+  inventory_.agentPort = 13568;
+  inventory_.agentUseSSL = true;
+  inventory_.productPort = 443;
+
+  const std::string json = WriteJson(inventory_, 0x0E);
+  EXPECT_EQ(json,
+            "{\"System\":{\"SystemName\":\"host-a\",\"NewSystemName\":\"\",\"SystemType\":4,"
+            "\"SystemArchitecture\":9,\"ProcessorPackages\":1,\"ProcessorCores\":4,"
+            "\"ProcessorThreads\":8,\"WindowsVersion\":167791205,\"WindowsType\":3,"
+            "\"WindowsProductName\":\"Windows Server \xC3\xA9\","
+            "\"TotalMemory\":\"1311768467294899695\",\"AvailableMemory\":\"1024\"},"
+            "\"Agent\":{\"Version\":117444064,\"Port\":13568,\"UseSSL\":true},"
+            "\"Product\":{\"Version\":0,\"Port\":443,\"UseSSL\":false}}");
+  EXPECT_EQ(WriteJson(inventory_, SystemInventory::kAgent),
+            "{\"Agent\":{\"Version\":117444064,\"Port\":13568,\"UseSSL\":true}}");
+
+  hlp::JsonReader reader(json);
+  SystemInventory back;
+  ASSERT_EQ(back.ReadInventoryJson(reader), status::Ok);
+  EXPECT_EQ(back.flags, 0x0Eu);
+  EXPECT_EQ(WriteJson(back, 0x0E), json);
+}
+
+TEST_F(SystemInventoryTests, ReadingSkipsUnknownAndRefusesWrongTypes) {
+  struct Case {
+    const char* json;
+    long status;
+  };
+  const Case cases[] = {
+      {R"({"Extra":[1,{"a":2}],"Agent":{"Port":80,"More":{}}})", status::Ok},
+      {R"({"Extra":1})", status::NoKnownMember},
+      {R"({"Agent":{"Port":"80"}})", status::Failure},
+      {R"({"Agent":{"Port":70000}})", status::Failure},
+      {R"({"System":{"TotalMemory":12}})", status::Failure},
+      {R"({"System":{"TotalMemory":"12kB"}})", status::Failure},
+      {R"({"Product":[]})", status::Failure},
+      {R"([])", status::Failure},
+      {R"({"Agent":{"Port":80,)", status::MalformedData},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.json);
+    hlp::JsonReader reader(c.json);
+    SystemInventory back;
+    EXPECT_EQ(back.ReadInventoryJson(reader), c.status);
+  }
+}
+
+TEST_F(SystemInventoryTests, RecordedNameWinsAndAChangedNameIsAnnounced) {
+  std::string computer;
+  ASSERT_EQ(GetComputerNameDns(computer), status::Ok);
+  struct Case {
+    const wchar_t* recorded;  // null: no "SystemName" value
+    const char* settingsName;
+    std::string systemName;
+    std::string newSystemName;
+  };
+  const Case cases[] = {
+      {nullptr, "host-b", "host-b", ""},   {L"host-a", "host-b", "host-a", "host-b"},
+      {L"host-b", "host-b", "host-b", ""}, {L"Host-B", "host-b", "Host-B", "host-b"},
+      {nullptr, "", computer, ""},         {L"old-name", "", "old-name", computer},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.systemName + " / " + c.settingsName);
+    test::ScopedRegistry fresh;
+    if (c.recorded != nullptr) {
+      ASSERT_EQ(RegistryWriteSz(kDialHomeKey, L"SystemName", c.recorded, true), status::Ok);
+    }
+    DialHomeInfo settings;
+    settings.systemName = c.settingsName;
+    inventory_.ResetInventory(settings);
+    inventory_.newSystemName = "stale";
+    ASSERT_EQ(inventory_.Gather(SystemInventory::kSystem), status::Ok);
+    EXPECT_EQ(inventory_.systemName, c.systemName);
+    EXPECT_EQ(inventory_.newSystemName, c.newSystemName);
+  }
+}
+
+TEST_F(SystemInventoryTests, PersistStoresTheNameTheServerNowKnows) {
+  DialHomeInfo settings;
+  settings.systemName = "renamed";
+  ASSERT_EQ(RegistryWriteSz(kDialHomeKey, L"SystemName", L"enrolled", true), status::Ok);
+  inventory_.ResetInventory(settings);
+  ASSERT_EQ(inventory_.Gather(SystemInventory::kSystem), status::Ok);
+  ASSERT_EQ(inventory_.newSystemName, "renamed");
+
+  EXPECT_EQ(inventory_.PersistInventory(SystemInventory::kAgent), status::Ok);
+  EXPECT_EQ(StoredName(), L"enrolled");
+  EXPECT_EQ(inventory_.PersistInventory(SystemInventory::kSystem), status::Ok);
+  EXPECT_EQ(StoredName(), L"renamed");
+
+  // The next report goes out under the new name alone, and persisting keeps it.
+  ASSERT_EQ(inventory_.Gather(SystemInventory::kSystem), status::Ok);
+  EXPECT_EQ(inventory_.systemName, "renamed");
+  EXPECT_EQ(inventory_.newSystemName, "");
+  inventory_.systemName = "current";
+  EXPECT_EQ(inventory_.PersistInventory(SystemInventory::kSystem), status::Ok);
+  EXPECT_EQ(StoredName(), L"current");
+}
+
+TEST_F(SystemInventoryTests, AgentAndProductShareTheSetupVersion) {
+  DialHomeInfo settings;
+  settings.agentPort = 14000;
+  settings.agentSSL = false;
+  settings.productPort = 15000;
+  settings.productSSL = true;
+  inventory_.ResetInventory(settings);
+
+  EXPECT_EQ(inventory_.Gather(SystemInventory::kAgent | SystemInventory::kProduct),
+            status::RegistryOpenFailed);
+  EXPECT_EQ(inventory_.flags, 0u);
+
+  WriteRegistryDword(6, kSetup, L"ProductVersion");
+  EXPECT_EQ(inventory_.GatherAgentInfo(), status::RegistryValueMissing);
+
+  ASSERT_EQ(RegistryWriteSz(kSetup, L"ProductVersion", L"6.2.300.7", true), status::Ok);
+  ASSERT_EQ(inventory_.Gather(SystemInventory::kAgent | SystemInventory::kProduct), status::Ok);
+  EXPECT_EQ(inventory_.flags, SystemInventory::kAgent | SystemInventory::kProduct);
+  EXPECT_EQ(inventory_.agentVersion, 0x060212C7u);
+  EXPECT_EQ(inventory_.productVersion, 0x060212C7u);
+  EXPECT_EQ(inventory_.agentPort, 14000);
+  EXPECT_FALSE(inventory_.agentUseSSL);
+  EXPECT_EQ(inventory_.productPort, 15000);
+  EXPECT_TRUE(inventory_.productUseSSL);
+
+  ASSERT_EQ(RegistryWriteSz(kSetup, L"ProductVersion", L"", true), status::Ok);
+  EXPECT_EQ(inventory_.Gather(SystemInventory::kAgent), status::NotAvailable);
+  EXPECT_EQ(inventory_.flags, SystemInventory::kProduct);
+}
+
+TEST_F(SystemInventoryTests, GatheredSystemValuesAreSane) {
+  ASSERT_EQ(inventory_.Gather(SystemInventory::kSystem), status::Ok);
+  EXPECT_EQ(inventory_.flags, SystemInventory::kSystem);
+  EXPECT_FALSE(inventory_.systemName.empty());
+  EXPECT_NE(inventory_.systemType, KroAgent::Undetected);
+  EXPECT_LE(static_cast<uint32_t>(inventory_.systemType), 6u);
+  EXPECT_GE(inventory_.processorPackages, 1u);
+  EXPECT_GE(inventory_.processorCores, inventory_.processorPackages);
+  EXPECT_GE(inventory_.processorThreads, inventory_.processorCores);
+  EXPECT_GT(inventory_.availableMemory, 0u);
+  EXPECT_GE(inventory_.totalMemory, inventory_.availableMemory);
+  EXPECT_GE(inventory_.windowsVersion >> 24, 1u);
+  EXPECT_GE(inventory_.windowsType, 1u);
+#if defined(__x86_64__)
+  EXPECT_EQ(inventory_.systemArchitecture, 9);
+#endif
+
+  inventory_.ResetInventory();
+  EXPECT_EQ(inventory_.systemArchitecture, 0xFFFF);
+  EXPECT_EQ(inventory_.systemType, KroAgent::Undetected);
+  EXPECT_EQ(inventory_.flags, 0u);
+  EXPECT_TRUE(inventory_.systemName.empty());
+}
+
+}  // namespace
+}  // namespace kro

@@ -1,0 +1,92 @@
+#include "tests/support/TestSupport.h"
+
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <fstream>
+#include <random>
+#include <sstream>
+#include <system_error>
+
+#ifdef _WIN32
+#include <windows.h>
+#endif
+
+namespace kro::test {
+
+namespace {
+
+std::filesystem::path UniqueTempPath() {
+  static std::atomic<unsigned> counter{0};
+  std::random_device rd;
+  std::ostringstream name;
+  name << "kro-test-" << std::hex << rd() << "-" << counter++;
+  return std::filesystem::temp_directory_path() / name.str();
+}
+
+#ifdef _WIN32
+void DeleteProductKeys() {
+  RegDeleteTreeW(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Norvane Technologies");
+}
+#endif
+
+}  // namespace
+
+TempDir::TempDir() : path_(UniqueTempPath()) {
+  std::filesystem::create_directories(path_);
+}
+
+TempDir::~TempDir() {
+  std::error_code ec;
+  std::filesystem::remove_all(path_, ec);
+}
+
+std::filesystem::path TempDir::Write(const std::string& name, const std::string& content) const {
+  const auto file = path_ / name;
+  std::filesystem::create_directories(file.parent_path());
+  std::ofstream out(file, std::ios::binary | std::ios::trunc);
+  out << content;
+  return file;
+}
+
+std::string ReadFile(const std::filesystem::path& file) {
+  std::ifstream in(file, std::ios::binary);
+  std::ostringstream content;
+  content << in.rdbuf();
+  return content.str();
+}
+
+void SetEnv(const char* name, const char* value) {
+#ifdef _WIN32
+  _putenv_s(name, value != nullptr ? value : "");
+#else
+  if (value != nullptr) {
+    setenv(name, value, 1);
+  } else {
+    unsetenv(name);
+  }
+#endif
+}
+
+ScopedRegistry::ScopedRegistry() {
+#ifdef _WIN32
+  DeleteProductKeys();
+#else
+  if (const char* old = std::getenv("KRO_REGISTRY_FILE"); old != nullptr) {
+    saved_ = old;
+    hadSaved_ = true;
+  }
+  file_ = dir_.Path() / "registry.reg";
+  SetEnv("KRO_REGISTRY_FILE", file_.string().c_str());
+#endif
+}
+
+ScopedRegistry::~ScopedRegistry() {
+#ifdef _WIN32
+  DeleteProductKeys();
+#else
+  SetEnv("KRO_REGISTRY_FILE", hadSaved_ ? saved_.c_str() : nullptr);
+#endif
+}
+
+}  // namespace kro::test

@@ -1,0 +1,54 @@
+#pragma once
+
+#include <filesystem>
+#include <string>
+
+namespace kro::test {
+
+/** @brief A fresh directory under the system temp folder, removed with everything in it. */
+class TempDir {
+ public:
+  TempDir();
+  ~TempDir();
+  TempDir(const TempDir&) = delete;
+  TempDir& operator=(const TempDir&) = delete;
+
+  const std::filesystem::path& Path() const { return path_; }
+  /** @brief Writes `content` (bytes as they are) to `name` inside the directory. */
+  std::filesystem::path Write(const std::string& name, const std::string& content) const;
+
+ private:
+  std::filesystem::path path_;
+};
+
+/** @brief The whole content of a file, or empty when it cannot be read. */
+std::string ReadFile(const std::filesystem::path& file);
+
+/** @brief Sets (or with null, removes) an environment variable of this process. */
+void SetEnv(const char* name, const char* value);
+
+/**
+ * @brief A private, empty HKEY_LOCAL_MACHINE for the life of the object.
+ *
+ * POSIX: points KRO_REGISTRY_FILE at a file in a temporary folder (restored afterwards).
+ * Windows: deletes the product's keys ("SOFTWARE\\Norvane Technologies") before and after, so
+ * tests that use the registry must not run concurrently.
+ */
+class ScopedRegistry {
+ public:
+  ScopedRegistry();
+  ~ScopedRegistry();
+  ScopedRegistry(const ScopedRegistry&) = delete;
+  ScopedRegistry& operator=(const ScopedRegistry&) = delete;
+
+  /** @brief The registry file (POSIX); empty on Windows. */
+  const std::filesystem::path& File() const { return file_; }
+
+ private:
+  TempDir dir_;
+  std::filesystem::path file_;
+  std::string saved_;
+  bool hadSaved_ = false;
+};
+
+}  // namespace kro::test
