@@ -28,7 +28,9 @@ class LoggingSupportTests : public testing::Test {
   logging_support::logger_type logger_;
 };
 
-void LogSomething() { KRO_LOG_ERROR << "disk " << 42 << " full"; }
+void LogSomething() {
+  KRO_LOG_ERROR << "disk " << 42 << " full";
+}
 
 TEST_F(LoggingSupportTests, RecordCarriesTimeSeverityThreadPlaceFunctionAndMessage) {
   LogSomething();
