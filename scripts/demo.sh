@@ -4,7 +4,8 @@
 #
 #   demo/bin/            kroagent, libKroAgent.so (the host folder: KroAgent.log lands here)
 #   demo/registry.reg    the demo's HKEY_LOCAL_MACHINE (KRO_REGISTRY_FILE points here)
-#   demo/install/        the installation folder ("InstallDir"), with its settings files
+#   demo/install/        the installation folder ("InstallDir"), with its settings files:
+#                        DialHomeInfo.txt, Kesta/Products.cfg, Kesta/Policy/AgentConfig.cfg
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 root=$PWD
@@ -22,6 +23,12 @@ cp -a "$root/build/release/bin/." "$demo/bin/"
 [[ -f $demo/install/DialHomeInfo.txt ]] ||
   echo "HomeName:127.0.0.1,HomePort:13570,HomeSSL:N,AgentPort:13568,AgentSSL:Y,StartupMode:Normal" \
     >"$demo/install/DialHomeInfo.txt"
+[[ -f $demo/install/Kesta/Products.cfg ]] || cat >"$demo/install/Kesta/Products.cfg" <<'JSON'
+{"products":[
+  {"id":1,"name":"arbalo","displayName":"Arbalo","url":"arbalo","patchLevel":"P1"},
+  {"id":2,"name":"kesta","displayName":"Kesta Optimizer","url":"kesta","version":"3.1.7.2","path":"Optimizer"}
+]}
+JSON
 [[ -f $demo/install/Kesta/Policy/AgentConfig.cfg ]] ||
   echo '{"LoggingLevel":2,"DialHomeInterval":60}' >"$demo/install/Kesta/Policy/AgentConfig.cfg"
 

@@ -11,6 +11,7 @@ PKGS=(
   libssl-dev openssl ca-certificates rapidjson-dev libsqlite3-dev sqlite3
   googletest libgtest-dev libgmock-dev
   binutils procps psmisc curl python3
+  chromium
 )
 
 as_root() { if [[ $EUID -eq 0 ]]; then "$@"; else sudo "$@"; fi; }

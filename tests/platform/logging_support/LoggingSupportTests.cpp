@@ -36,7 +36,7 @@ TEST_F(LoggingSupportTests, RecordCarriesTimeSeverityThreadPlaceFunctionAndMessa
   LogSomething();
   const std::regex line(
       R"(^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{6} \[error\] \[[^\]]+\] )"
-      R"(LoggingSupportTests\.cpp:\d+ void \{anonymous\}::LogSomething\(\) - disk 42 full\n$)");
+      R"(LoggingSupportTests\.cpp:\d+ void \{anonymous\}::LogSomething\(\) - disk 42 full\r?\n$)");
   EXPECT_TRUE(std::regex_match(Log(), line)) << Log();
 }
 

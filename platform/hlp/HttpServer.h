@@ -1,0 +1,85 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace hlp {
+
+class IRequestHandler;
+class SSLContext;
+
+namespace detail {
+struct ServerCore;
+}
+
+/**
+ * @brief An HTTP/HTTPS listener on Boost.Asio, driven by the caller's polling thread.
+ *
+ * The port list is a string such as "4800s,4801": decimal ports separated by ",", each
+ * followed by "s" when it speaks TLS. Every port listens on every IPv4 address of the machine.
+ * `Poll` accepts what is pending and hands each connection to the request handler; the
+ * handler serves it on a thread of its own with an HttpServerConnection.
+ *
+ * State is a number the owner gives meaning to (the agent: 0 initialised, 1 running, 3
+ * stopped); workers read it through GetState.
+ */
+class HttpServer {
+ public:
+  HttpServer();
+  virtual ~HttpServer();
+  HttpServer(const HttpServer&) = delete;
+  HttpServer& operator=(const HttpServer&) = delete;
+
+  /**
+   * @brief Binds the listeners, then calls handler->Start(). 0 on success; otherwise the
+   * error of the first port that cannot be bound (kro::status::FromWin32 of the socket
+   * error), kro::status::NotAvailable for a malformed port list, or the handler's status
+   * (the listeners are then closed again). `tls` may be null when no port speaks TLS.
+   */
+  long Start(SSLContext* tls, const std::string& ports, IRequestHandler* handler);
+
+  /**
+   * @brief Accepts pending connections and returns; waits at most about 10 ms when nothing
+   * is pending. 0, or kro::status::WinNotRunning when the server is not started.
+   */
+  long Poll();
+
+  /**
+   * @brief Closes the listeners and binds the new port list; the handler and the connections
+   * being served are not touched. On failure no port listens (the old ones are closed).
+   */
+  long Restart(const std::string& ports);
+
+  /**
+   * @brief Closes the listeners, closes every connection still open (their workers see the
+   * connection end), calls handler->Stop() and waits until it called SetFinishedStopping.
+   */
+  long Stop();
+
+  uint32_t GetState() const { return state_.load(); }
+  void SetState(uint32_t state) { state_.store(state); }
+
+  /** @brief Called by the handler at the end of its Stop. */
+  void SetFinishedStopping();
+
+  /** @brief The ports actually bound, in list order (a port 0 shows the one the system chose). */
+  std::vector<uint16_t> GetBoundPorts() const;
+
+  /**
+   * @brief The time-out of connections accepted from now on: it bounds the TLS handshake, the
+   * arrival of each request's headers, every read and write, and an idle kept-alive
+   * connection. kConnectionTimeoutSeconds unless set (tests shorten it); 0 keeps the old value.
+   */
+  void SetConnectionTimeout(uint32_t milliseconds);
+
+  detail::ServerCore& Core() { return *core_; }
+
+ private:
+  std::atomic<uint32_t> state_{0};
+  std::unique_ptr<detail::ServerCore> core_;
+};
+
+}  // namespace hlp
