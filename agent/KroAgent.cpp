@@ -2,6 +2,8 @@
 
 #include <cstring>
 #include <new>
+#include <sstream>
+#include <vector>
 
 #include "agent/InstalledProducts.h"
 #include "agent/KroVersion.h"
@@ -11,6 +13,7 @@
 #include "config/KroAgentConfiguration.h"
 #include "config/KroConfigurationManager.h"
 #include "hlp/ComHelper.h"
+#include "hlp/Json.h"
 #include "logging_support/logging_support.h"
 #include "nvthreads/nvthreads.h"
 
@@ -139,6 +142,17 @@ long KroAgent::MainThreadInit(void* /*context*/) {
 
     pendingPort_.store(agentPort);
 
+    // The agent port speaks TLS as the settings say; the UI port is for browsers on this
+    // machine and speaks plain HTTP. Session option 0 keeps the UI local-only.
+    const std::vector<kro::ServerEndpoint> endpoints = {{agentPort, agentSSL}, {uiPort, false}};
+    server_.SetLogger(&Module().logger);
+    if (const long st = server_.Init(endpoints, &routines_, L"ssl_cert.pem", "KroAgent", 0);
+        st != status::Ok) {
+      KRO_LOG_ERROR << "Error setting up the server, status " << st;
+    }
+    uiPort_.store(uiPort);
+    server_.Start();
+
     KRO_LOG_INFO << "Agent port " << agentPort << (agentSSL ? " (TLS)" : "") << ", UI port "
                  << uiPort;
     KRO_LOG_INFO << "Inited KRO Agent Main Thread Status " << 0;
@@ -162,6 +176,10 @@ long KroAgent::MainThreadProcess(void* /*context*/) {
     for (const char* item : kDialHomeItems) {
       nvthreads_workitem_cancel(kDialHomePool, kDialHomeThread, item);
     }
+    // Blocks until the server thread has rebound; the UI port is not carried over.
+    if (const long st = server_.ChangePorts(newPort, dialHomeInfo_.agentSSL); st != status::Ok) {
+      KRO_LOG_ERROR << "Error moving the server to port " << newPort << ", status " << st;
+    }
     dialHomeInfo_.flags |= kro::DialHomeInfo::kAgent;
     dialHomeInfo_.agentPort = newPort;
     if (const long st = kro::SaveDialHomeInfo(dialHomeInfo_); st != status::Ok) {
@@ -179,6 +197,7 @@ long KroAgent::MainThreadCleanup(void* /*context*/) {
     KRO_LOG_INFO << "Cleanup of KRO Agent Main Thread";
     nvthreads_pool_shutdown(kDialHomePool);
     nvthreads_pool_cleanup(kDialHomePool);
+    server_.Shutdown();
     hlp::ComHelper::ThreadDeinit();
   } catch (...) {
     KRO_LOG_ERROR << "Main thread clean-up failed";
@@ -253,9 +272,7 @@ long KroAgent::UpdateDialHomeInfo(const wchar_t* filePath, const char* settingsT
   }
 }
 
-void KroAgent::SetAgentRemoteUI(bool enabled) {
-  remoteUIAllowed_ = enabled;
-}
+void KroAgent::SetAgentRemoteUI(bool enabled) { server_.SetRemoteUI(enabled); }
 
 long KroAgent::SendRoleVer(const char* /*request*/, size_t /*requestLen*/, const char** response,
                            size_t* responseLen) {
@@ -280,7 +297,66 @@ long KroAgent::SetupUIRoutineList() {
                                    size_t* responseLen) {
     return GetInstalledProductsBrowser(request, requestLen, response, responseLen);
   });
+  const std::string status = std::string(kUIRequestPrefix) + "getAgentStatus.json";
+  RegisterHandler(status.c_str(), [this](const char* request, size_t requestLen,
+                                         const char** response, size_t* responseLen) {
+    return GetAgentStatus(request, requestLen, response, responseLen);
+  });
   return status::Ok;
+}
+
+long KroAgent::GetAgentStatus(const char* /*request*/, size_t /*requestLen*/, const char** response,
+                              size_t* responseLen) {
+  if (response == nullptr || responseLen == nullptr) {
+    return status::NotAvailable;
+  }
+  try {
+    std::wstring heartbeat;
+    kro::ReadRegistryString(heartbeat, L"", L"LastHeartBeatTime");
+    std::string lastHeartBeat;
+    kro::WideToUtf8(heartbeat, lastHeartBeat);
+    std::string systemName;
+    {
+      std::lock_guard<std::mutex> guard(systemInfoLock_);
+      systemName = systemInfo_.systemName;
+    }
+
+    std::ostringstream text;
+    hlp::JsonWriter writer(text);
+    writer.Object();
+    writer.Name("version");
+    writer.String(kVersionText);
+    writer.Name("agentPort");
+    writer.Uint(dialHomeInfo_.agentPort);
+    writer.Name("agentSSL");
+    writer.Bool(dialHomeInfo_.agentSSL);
+    writer.Name("uiPort");
+    writer.Uint(uiPort_.load());
+    writer.Name("listeningPorts");
+    writer.String(server_.ListeningPorts());
+    writer.Name("serverRunning");
+    writer.Bool(server_.GetState() == kro::kServerRunning);
+    writer.Name("lastHeartBeat");
+    writer.String(lastHeartBeat);
+    writer.Name("systemName");
+    writer.String(systemName);
+    writer.EndObject();
+    if (!writer.IsGood()) {
+      return status::MalformedData;
+    }
+
+    const std::string json = text.str();
+    char* buffer = new (std::nothrow) char[json.size() + 1];
+    if (buffer == nullptr) {
+      return status::OutOfMemory;
+    }
+    std::memcpy(buffer, json.c_str(), json.size() + 1);
+    *response = buffer;
+    *responseLen = json.size();
+    return status::Ok;
+  } catch (...) {
+    return status::OutOfMemory;
+  }
 }
 
 long KroAgent::GetAgentUIPort(unsigned short& port) {

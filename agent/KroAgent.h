@@ -8,6 +8,7 @@
 #include "agent/RoutineTable.h"
 #include "dialhome/DialHomeInfo.h"
 #include "dialhome/SystemInventory.h"
+#include "server/KroServer.h"
 
 namespace kro {
 class KroAgentConfiguration;
@@ -78,7 +79,12 @@ class KRO_AGENT_API KroAgent : public IKroAgent {
   long SendRoleVer(const char* request, size_t requestLen, const char** response,
                    size_t* responseLen);
 
+  /** @brief "/Arbalo/Requests/getAgentStatus.json": what the browser UI shows of the agent. */
+  long GetAgentStatus(const char* request, size_t requestLen, const char** response,
+                      size_t* responseLen);
+
   RoutineTable& Routines() { return routines_; }
+  kro::KroServer& Server() { return server_; }
   /** @brief The port the management server asked for (0 until the port routine is set up). */
   uint32_t PendingPort() const { return pendingPort_.load(); }
 
@@ -88,13 +94,14 @@ class KRO_AGENT_API KroAgent : public IKroAgent {
   long SetupUIRoutineList();
   long GetAgentUIPort(unsigned short& port);
 
-  bool remoteUIAllowed_ = false;
+  kro::KroServer server_;
   kro::KroAgentConfiguration* agentConfig_ = nullptr;  // the process-wide settings, not owned
   kro::DialHomeInfo dialHomeInfo_;
   std::atomic<uint32_t> pendingPort_{0};
   RoutineTable routines_;
   std::mutex systemInfoLock_;
   kro::SystemInventory systemInfo_;
+  std::atomic<uint16_t> uiPort_{0};  // as the main thread set the server up
 };
 
 }  // namespace KroAgent

@@ -20,7 +20,11 @@ struct ConnectionState;
 inline constexpr size_t kMaxHeaderBytes = 64 * 1024;
 /** @brief Largest Content-Length accepted (413 beyond it, before anything is allocated). */
 inline constexpr uint64_t kMaxContentLength = 64ull * 1024 * 1024;
-/** @brief A request's headers must arrive, and an idle kept-alive connection is closed, within. */
+/**
+ * @brief A request's headers must arrive, and an idle kept-alive connection is closed, within;
+ * each read and write of up to 1 MiB also ends within it. The default of
+ * HttpServer::SetConnectionTimeout.
+ */
 inline constexpr int kConnectionTimeoutSeconds = 30;
 
 /**
@@ -51,7 +55,12 @@ class HttpServerConnection {
    */
   long ReadRequest(RequestInfo& request);
 
-  /** @brief Reads exactly `length` bytes of the request body. */
+  /**
+   * @brief Reads exactly `length` bytes of the request body (first what arrived with the
+   * headers). A client that sent "Expect: 100-continue" is told to go on first. Body bytes the
+   * caller leaves unread are skipped before the next request (up to 1 MiB; beyond, the
+   * connection ends).
+   */
   long Read(char* buffer, size_t length);
 
   /** @brief Writes raw bytes (a complete answer the caller formatted). */

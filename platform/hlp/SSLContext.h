@@ -31,6 +31,7 @@ class SSLContext {
   long UseCertificate(const std::string& pemFile);
   bool HasCertificate() const;
 
+  /** @brief The underlying context; to be used only once HasCertificate() is true. */
   boost::asio::ssl::context& Native();
 
  private:

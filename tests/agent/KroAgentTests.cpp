@@ -24,9 +24,12 @@ class KroAgentTests : public testing::Test {
     std::wstring install;
     kro::Utf8ToWide(install_.Path().string() + kro::kPathSeparatorA, install);
     kro::WriteRegistryString(install, kSetupKey, L"InstallDir");
+    kro::WriteRegistryString(std::to_wstring(kro::test::FreeTcpPort()), kArbaloKey, L"AgentUIPort");
+    agentPort_ = kro::test::FreeTcpPort();
     WriteSettings(
-        "HomeName:mgmt01,HomePort:8443,HomeSSL:Y,AgentPort:9443,AgentSSL:N,"
-        "StartupMode:Paused,BAPhase1:0,BAPhase2:24,BAPhase3:48,BAPhase4:12\n");
+        "HomeName:mgmt01,HomePort:8443,HomeSSL:Y,AgentPort:" + std::to_string(agentPort_) +
+        ",AgentSSL:N,StartupMode:Paused,BAPhase1:0,BAPhase2:24,BAPhase3:48,"
+        "BAPhase4:12\n");
   }
   void WriteSettings(const std::string& line) { install_.Write("DialHomeInfo.txt", line); }
   std::string Settings() const { return kro::test::ReadFile(install_.Path() / "DialHomeInfo.txt"); }
@@ -51,6 +54,7 @@ class KroAgentTests : public testing::Test {
 
   kro::test::ScopedRegistry registry_;
   kro::test::TempDir install_;
+  uint16_t agentPort_ = 0;
 };
 
 TEST_F(KroAgentTests, GetRoleVerAnswersTheVersionWithATerminatedBuffer) {
@@ -105,6 +109,7 @@ TEST_F(KroAgentTests, RegistrationWhileRoutinesAreLookedUpIsSafe) {
 }
 
 TEST_F(KroAgentTests, UIPortComesFromTheRegistryWithItsFallback) {
+  kro::test::ScopedRegistry empty;  // without the fixture's port
   struct Case {
     const char* value;  // null: no value at all
     unsigned short port;
@@ -132,7 +137,7 @@ TEST_F(KroAgentTests, GettersReadTheSettingsLoadedByInit) {
   EXPECT_EQ(agent.GetAgentPort(), 13568);  // the defaults until Init reads the file
   EXPECT_TRUE(agent.GetAgentSSL());
   ASSERT_EQ(agent.Init(), 0);
-  EXPECT_EQ(agent.GetAgentPort(), 9443);
+  EXPECT_EQ(agent.GetAgentPort(), agentPort_);
   EXPECT_FALSE(agent.GetAgentSSL());
   EXPECT_EQ(agent.GetStartupMode(), Paused);
   const unsigned int phases[] = {0, 24, 48, 12};
@@ -216,8 +221,8 @@ TEST_F(KroAgentTests, StartRunsTheMainThreadAndExitRunsItsCleanup) {
   ASSERT_EQ(kro::RegistryQueryValue(kArbaloKey, L"AgentPort", type, data), 0);
   EXPECT_EQ(type, kro::RegType::Dword);
   ASSERT_EQ(data.size(), 4u);
-  EXPECT_EQ(data[0] | (data[1] << 8), 9443);
-  EXPECT_EQ(agent.PendingPort(), 9443u);
+  EXPECT_EQ(data[0] | (data[1] << 8), agentPort_);
+  EXPECT_EQ(agent.PendingPort(), agentPort_);
 
   EXPECT_EQ(agent.Exit(), 0);
   // The pool is gone with the main thread: adding to it now fails.

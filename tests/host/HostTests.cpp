@@ -103,12 +103,18 @@ class HostTests : public testing::Test {
 
     const fs::path install = temp_.Path() / "install";
     temp_.Write("install/Kesta/Policy/AgentConfig.cfg", R"({"LoggingLevel":0})");
-    temp_.Write("install/DialHomeInfo.txt", "AgentPort:13568,AgentSSL:Y\n");
+    temp_.Write("install/DialHomeInfo.txt",
+                "AgentPort:" + std::to_string(kro::test::FreeTcpPort()) + ",AgentSSL:N\n");
+    const std::string uiPort = std::to_string(kro::test::FreeTcpPort());
     registry_ = temp_.Write("registry.reg",
                             "Windows Registry Editor Version 5.00\n\n"
                             "[HKEY_LOCAL_MACHINE\\SOFTWARE\\Norvane Technologies\\Arbalo\\Setup]\n"
                             "\"InstallDir\"=\"" +
-                                install.string() + "/\"\n\n");
+                                install.string() +
+                                "/\"\n\n"
+                                "[HKEY_LOCAL_MACHINE\\SOFTWARE\\Norvane Technologies\\Arbalo]\n"
+                                "\"AgentUIPort\"=\"" +
+                                uiPort + "\"\n\n");
   }
 
   HostProcess Run(const std::vector<std::string>& args) {

@@ -10,6 +10,11 @@
 
 #ifdef _WIN32
 #include <windows.h>
+#include <winsock2.h>
+#else
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
 #endif
 
 namespace kro::test {
@@ -54,6 +59,34 @@ std::string ReadFile(const std::filesystem::path& file) {
   std::ostringstream content;
   content << in.rdbuf();
   return content.str();
+}
+
+uint16_t FreeTcpPort() {
+#ifdef _WIN32
+  WSADATA data;
+  WSAStartup(MAKEWORD(2, 2), &data);
+  using Handle = SOCKET;
+  auto closeSocket = [](Handle s) { closesocket(s); };
+  using Length = int;
+#else
+  using Handle = int;
+  auto closeSocket = [](Handle s) { close(s); };
+  using Length = socklen_t;
+#endif
+  const Handle s = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  address.sin_port = 0;
+  uint16_t port = 0;
+  if (bind(s, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0) {
+    Length length = sizeof(address);
+    if (getsockname(s, reinterpret_cast<sockaddr*>(&address), &length) == 0) {
+      port = ntohs(address.sin_port);
+    }
+  }
+  closeSocket(s);
+  return port;
 }
 
 void SetEnv(const char* name, const char* value) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <filesystem>
 #include <string>
 
@@ -23,6 +24,9 @@ class TempDir {
 
 /** @brief The whole content of a file, or empty when it cannot be read. */
 std::string ReadFile(const std::filesystem::path& file);
+
+/** @brief A TCP port no one listens on right now (the system's pick for port 0). */
+uint16_t FreeTcpPort();
 
 /** @brief Sets (or with null, removes) an environment variable of this process. */
 void SetEnv(const char* name, const char* value);

@@ -1,0 +1,198 @@
+#include <gtest/gtest.h>
+
+#include <openssl/evp.h>
+#include <openssl/pem.h>
+#include <openssl/x509.h>
+
+#include <chrono>
+#include <cstring>
+#include <filesystem>
+#include <thread>
+
+#include "common/KroStatus.h"
+#include "common/WinHelper.h"
+#include "nvthreads/nvthreads.h"
+#include "server/JobRecord.h"
+#include "server/KroServer.h"
+#include "server/ServerRequestHandler.h"
+#include "tests/server/HttpTestClient.h"
+#include "tests/support/TestSupport.h"
+
+namespace kro {
+namespace {
+
+namespace status = kro::status;
+using kro::test::MakeRequest;
+using kro::test::SendRaw;
+
+constexpr const char* kBrowser = "Mozilla/5.0 (X11; Linux x86_64)";
+
+// A self-signed certificate and its key in one PEM file, as the server loads it.
+bool WriteSelfSignedPem(const std::filesystem::path& file) {
+  EVP_PKEY* key = EVP_EC_gen("P-256");
+  X509* cert = X509_new();
+  bool ok = key != nullptr && cert != nullptr;
+  if (ok) {
+    ASN1_INTEGER_set(X509_get_serialNumber(cert), 1);
+    X509_gmtime_adj(X509_getm_notBefore(cert), -60);
+    X509_gmtime_adj(X509_getm_notAfter(cert), 3600);
+    X509_set_pubkey(cert, key);
+    X509_NAME* name = X509_get_subject_name(cert);
+    X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC,
+                               reinterpret_cast<const unsigned char*>("127.0.0.1"), -1, -1, 0);
+    X509_set_issuer_name(cert, name);
+    ok = X509_sign(cert, key, EVP_sha256()) > 0;
+  }
+  if (ok) {
+    BIO* out = BIO_new_file(file.string().c_str(), "w");
+    ok = out != nullptr && PEM_write_bio_X509(out, cert) == 1 &&
+         PEM_write_bio_PrivateKey(out, key, nullptr, nullptr, 0, nullptr, nullptr) == 1;
+    BIO_free(out);
+  }
+  X509_free(cert);
+  EVP_PKEY_free(key);
+  return ok;
+}
+
+class LiveServerTests : public testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_EQ(nvthreads_init(), NVTHREADS_OK);
+    install_.Write("User Interface/index.html", "<p>home</p>");
+    WriteRegistryString(install_.Path().wstring(), kSetupKey, kInstallDirValue);
+    routines_.Register("/arbalo/Requests/info.json", [](const char* request, size_t length,
+                                                        const char** answer, size_t* answerLength) {
+      const std::string text = "{\"got\":\"" + std::string(request, length) + "\"}";
+      char* out = new char[text.size()];
+      std::memcpy(out, text.data(), text.size());
+      *answer = out;
+      *answerLength = text.size();
+      return 0L;
+    });
+  }
+
+  void TearDown() override {
+    server_->Shutdown();
+    server_.reset();
+    nvthreads_cleanup();
+  }
+
+  void StartServer(const std::vector<ServerEndpoint>& endpoints,
+                   const std::wstring& certificate = L"") {
+    ASSERT_EQ(server_->Init(endpoints, &routines_, certificate, "KroAgent", 0), status::Ok);
+    ASSERT_EQ(server_->Start(), status::Ok);
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (server_->GetState() != kServerRunning && std::chrono::steady_clock::now() < deadline) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    ASSERT_EQ(server_->GetState(), kServerRunning) << std::hex << server_->StartResult();
+  }
+
+  kro::test::ScopedRegistry registry_;
+  kro::test::TempDir install_;
+  KroAgent::RoutineTable routines_;
+  std::unique_ptr<KroServer> server_ = std::make_unique<KroServer>();
+  const uint16_t port_ = kro::test::FreePort();
+};
+
+TEST_F(LiveServerTests, ServesFilesRoutinesAndRefusals) {
+  StartServer({{port_, false}});
+  struct Case {
+    const char* name;
+    std::string request;
+    int status;
+    const char* inAnswer;
+  };
+  const Case cases[] = {
+      {"file", MakeRequest("GET", "/arbalo/index.html", kBrowser), 200,
+       "content-Type: text/html\r\ncontent-Length: 11\r\n\r\n<p>home</p>"},
+      {"root", MakeRequest("GET", "/", ""), 200, "<p>home</p>"},
+      {"routine", MakeRequest("POST", "/arbalo/Requests/info.json", kBrowser, "q=1"), 200,
+       "Cache-Control: No-store, No-cache, must-revalidate\r\n"
+       "content-Type: application/json\r\ncontent-Length: 13\r\n\r\n{\"got\":\"q=1\"}"},
+      {"authentication", MakeRequest("POST", "/kro/x", kBrowser, "Authentication"), 200,
+       "KroAgent/1.2"},
+      {"missing", MakeRequest("GET", "/arbalo/none.html", kBrowser), 404, "File not found"},
+      {"outside", MakeRequest("GET", "/other/index.html", kBrowser), 404, "File not found"},
+      {"old component", MakeRequest("POST", "/kro/x", "KroAgent/1.1", "Authentication"), 404,
+       "File not found"},
+      {"component outside", MakeRequest("POST", "/x", "KroMaster/1.3", "Authentication"), 404,
+       "File not found"},
+      {"bad length", MakeRequest("POST", "/arbalo/x", kBrowser, "", "Content-Length: 12x\r\n"), 400,
+       "Content length invalid"},
+      {"old browser", MakeRequest("GET", "/arbalo/index.html", "Mozilla/4.0 (MSIE 8.0)"), 0,
+       "<html><head><title>Error - Arbalo</title></head>"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    const kro::test::HttpReply reply = SendRaw(port_, c.request);
+    ASSERT_TRUE(reply.connected);
+    EXPECT_EQ(reply.Status(), c.status) << reply.raw;
+    EXPECT_NE(reply.raw.find(c.inAnswer), std::string::npos) << reply.raw;
+    if (c.status == 200 && std::strcmp(c.name, "file") == 0) {
+      EXPECT_EQ(reply.raw.find("Cache-Control"), std::string::npos);
+    }
+  }
+}
+
+TEST_F(LiveServerTests, JobExchangeDrainsWhatRelayRoutinesQueued) {
+  StartServer({{port_, false}});
+  std::function<RoutineFn> relay;
+  ASSERT_TRUE(routines_.Find("AddJobResponseToSendUpperTier", relay));
+  const char* jobAnswer = "done";
+  size_t unused = 0;
+  ASSERT_EQ(relay("job-7", 5, &jobAnswer, &unused), status::Ok);
+
+  std::vector<char> expected;
+  ASSERT_EQ(BuildJobRecord("ProcessJobDone", "done", "job-7", expected), status::Ok);
+  const std::string exchange = MakeRequest("POST", "/kro/jobs", "KroMaster/1.3");
+  kro::test::HttpReply reply = SendRaw(port_, exchange);
+  EXPECT_EQ(reply.Status(), 200) << reply.raw;
+  EXPECT_NE(reply.Head().find("content-Length: " + std::to_string(expected.size())),
+            std::string::npos);
+  EXPECT_EQ(reply.Body(), std::string(expected.begin(), expected.end()));
+
+  reply = SendRaw(port_, exchange);
+  EXPECT_NE(reply.Head().find("content-Length: 0\r\n"), std::string::npos) << reply.raw;
+  EXPECT_EQ(reply.Body(), "");
+}
+
+TEST_F(LiveServerTests, PortChangeMovesTheListener) {
+  StartServer({{port_, false}});
+  const uint16_t next = kro::test::FreePort();
+  ASSERT_NE(next, port_);
+  EXPECT_EQ(server_->ChangePorts(next, false), status::Ok);
+  EXPECT_EQ(server_->ListeningPorts(), std::to_string(next));
+  EXPECT_EQ(SendRaw(next, MakeRequest("GET", "/", "")).Status(), 200);
+  EXPECT_FALSE(
+      SendRaw(port_, MakeRequest("GET", "/", ""), false, std::chrono::seconds(2)).Status() == 200);
+}
+
+TEST_F(LiveServerTests, ServesTlsWithCertificateBesideTheHost) {
+  std::wstring folder;
+  ASSERT_EQ(GetHostDirectory(folder), status::Ok);
+  const std::filesystem::path pem = std::filesystem::path(folder) / "ssl_cert.pem";
+  ASSERT_TRUE(WriteSelfSignedPem(pem));
+  const uint16_t plain = kro::test::FreePort();
+  StartServer({{port_, true}, {plain, false}}, L"ssl_cert.pem");
+  std::error_code ignored;
+  std::filesystem::remove(pem, ignored);
+
+  const std::string request = MakeRequest("GET", "/arbalo/index.html", kBrowser);
+  EXPECT_EQ(SendRaw(port_, request, true).Status(), 200);
+  EXPECT_EQ(SendRaw(plain, request).Status(), 200);
+  EXPECT_NE(SendRaw(port_, request, false, std::chrono::seconds(3)).Status(), 200);
+}
+
+TEST_F(LiveServerTests, StalledClientDoesNotHoldUpOthers) {
+  StartServer({{port_, false}});
+  kro::test::StalledClient stalled(port_, "GET /arbalo/index.html HTTP/1.1\r\nHost: x");
+  ASSERT_TRUE(stalled.Connected());
+  const auto begin = std::chrono::steady_clock::now();
+  EXPECT_EQ(SendRaw(port_, MakeRequest("GET", "/", ""), false, std::chrono::seconds(5)).Status(),
+            200);
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(5));
+}
+
+}  // namespace
+}  // namespace kro
