@@ -272,7 +272,9 @@ long KroAgent::UpdateDialHomeInfo(const wchar_t* filePath, const char* settingsT
   }
 }
 
-void KroAgent::SetAgentRemoteUI(bool enabled) { server_.SetRemoteUI(enabled); }
+void KroAgent::SetAgentRemoteUI(bool enabled) {
+  server_.SetRemoteUI(enabled);
+}
 
 long KroAgent::SendRoleVer(const char* /*request*/, size_t /*requestLen*/, const char** response,
                            size_t* responseLen) {

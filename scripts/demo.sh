@@ -2,10 +2,12 @@
 # The project's run command: installs what is missing, makes a release build, lays out a demo
 # installation in ./demo and runs the agent in the foreground (Ctrl+C stops it).
 #
-#   demo/bin/            kroagent, libKroAgent.so (the host folder: KroAgent.log lands here)
+#   demo/bin/            kroagent, libKroAgent.so, ssl_cert.pem (the host folder; KroAgent.log
+#                        lands here)
 #   demo/registry.reg    the demo's HKEY_LOCAL_MACHINE (KRO_REGISTRY_FILE points here)
 #   demo/install/        the installation folder ("InstallDir"), with its settings files:
-#                        DialHomeInfo.txt, Kesta/Products.cfg, Kesta/Policy/AgentConfig.cfg
+#                        DialHomeInfo.txt, Kesta/Products.cfg, Kesta/Policy/AgentConfig.cfg,
+#                        and the browser UI in "User Interface"
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 root=$PWD
@@ -15,9 +17,21 @@ bash scripts/setup.sh
 cmake --preset release >/dev/null
 cmake --build --preset release -- -j"$(nproc)"
 
-rm -rf "$demo/bin"
-mkdir -p "$demo/bin" "$demo/install/Kesta/Policy"
+rm -rf "$demo/bin" "$demo/install/User Interface"
+mkdir -p "$demo/bin" "$demo/install/Kesta/Policy" "$demo/install/User Interface"
 cp -a "$root/build/release/bin/." "$demo/bin/"
+cp -a "$root/ui/." "$demo/install/User Interface/"
+
+# The agent port speaks TLS, as the default settings say: a self-signed certificate and its
+# key in one PEM file beside the host, made once.
+if [[ ! -f $demo/ssl_cert.pem ]]; then
+  openssl req -x509 -newkey rsa:2048 -nodes -days 825 -subj "/CN=localhost" \
+    -addext "subjectAltName=DNS:localhost,IP:127.0.0.1" \
+    -keyout "$demo/ssl_key.tmp" -out "$demo/ssl_cert.tmp" 2>/dev/null
+  cat "$demo/ssl_cert.tmp" "$demo/ssl_key.tmp" >"$demo/ssl_cert.pem"
+  rm -f "$demo/ssl_cert.tmp" "$demo/ssl_key.tmp"
+fi
+cp "$demo/ssl_cert.pem" "$demo/bin/ssl_cert.pem"
 
 # Settings the agent reads at start-up; kept when they exist so a demo can be tuned.
 [[ -f $demo/install/DialHomeInfo.txt ]] ||
@@ -48,6 +62,9 @@ export KRO_REGISTRY_FILE=$demo/registry.reg
 cat <<TXT
 
 KroAgent demo
+  browser UI        http://127.0.0.1:13569/   (this machine only)
+  agent port        https://127.0.0.1:13568/arbalo/  (self-signed certificate)
+  try               curl -s http://127.0.0.1:13569/arbalo/Requests/getInstalledProducts.json
   host and module   $demo/bin
   log               $demo/bin/KroAgent.log
   registry          $demo/registry.reg

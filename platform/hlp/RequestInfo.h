@@ -11,8 +11,8 @@ namespace hlp {
 /** @brief The request line and the header fields of one request, as the client sent them. */
 class RequestInfo {
  public:
-  std::string method;   // "GET", "POST", ...
-  std::string uri;      // the request target as sent ("/arbalo/index.html?x=1")
+  std::string method;     // "GET", "POST", ...
+  std::string uri;        // the request target as sent ("/arbalo/index.html?x=1")
   unsigned version = 11;  // 10 for HTTP/1.0, 11 for HTTP/1.1
   /** @brief Header fields by name, names compared without regard to case; values raw. */
   std::multimap<std::string, std::string, case_insensitive_less> headers;
