@@ -118,17 +118,17 @@ setup_src_lists() {
   src_lists_ready=1
 }
 fetch_src() {  # fetch_src PKG: download (not build) a Debian source package into $WORK/src/PKG
-  local pkg=$1 dir=$WORK/src/$1 spec
+  local pkg=$1 dir=$WORK/src/$1 candidate
   compgen -G "$dir/*.dsc" >/dev/null && return 0
   setup_src_lists
   # Newest version first; if a pocket lacks some files (seen: security pocket 404 on .dsc),
   # fall back to the release pocket's version.
-  for spec in "$pkg" "$pkg/$CODENAME"; do
+  for candidate in "$pkg" "$pkg/$CODENAME"; do
     rm -rf "$dir.part"; mkdir -p "$dir.part"
-    if (cd "$dir.part" && apt-get "${APT_SRC[@]}" source --download-only "$spec") >"$LOGS/src-$pkg.log" 2>&1; then
+    if (cd "$dir.part" && apt-get "${APT_SRC[@]}" source --download-only "$candidate") >"$LOGS/src-$pkg.log" 2>&1; then
       rm -rf "$dir"; mv "$dir.part" "$dir"; return 0
     fi
-    log "note: 'apt-get source $spec' failed; trying the next candidate"
+    log "note: 'apt-get source $candidate' failed; trying the next candidate"
   done
   tail -n 20 "$LOGS/src-$pkg.log" >&2; die "cannot download source package $pkg"
 }

@@ -210,11 +210,13 @@ TEST_F(KroAgentTests, StartRunsTheMainThreadAndExitRunsItsCleanup) {
   ASSERT_EQ(agent.Init(), 0);
   ASSERT_EQ(agent.Start(), 0);
 
-  // The main thread's set-up publishes the agent's port and TLS flag.
+  // The main thread's set-up publishes the agent's port and TLS flag, then takes the port as
+  // the one a port change is compared with.
   std::vector<uint8_t> data;
   kro::RegType type = kro::RegType::None;
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-  while (kro::RegistryQueryValue(kArbaloKey, L"AgentSSL", type, data) != 0 &&
+  while ((kro::RegistryQueryValue(kArbaloKey, L"AgentSSL", type, data) != 0 ||
+          agent.PendingPort() == 0) &&
          std::chrono::steady_clock::now() < deadline) {
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
