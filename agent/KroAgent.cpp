@@ -140,7 +140,15 @@ long KroAgent::MainThreadInit(void* /*context*/) {
     kro::WriteRegistryDword(agentPort, kArbaloKey, L"AgentPort");
     kro::WriteRegistryDword(agentSSL ? 1 : 0, kArbaloKey, L"AgentSSL");
 
+    // The registration clears the pending port; from then on it holds the current port until
+    // the management server asks for another one.
+    modifyPort_.Register(routines_);
     pendingPort_.store(agentPort);
+
+    dialHome_.SetLogger(&Module().logger);
+    if (const long st = dialHome_.Create(); st != status::Ok) {
+      KRO_LOG_ERROR << "Error creating the dial-home client, status " << st;
+    }
 
     // The agent port speaks TLS as the settings say; the UI port is for browsers on this
     // machine and speaks plain HTTP. Session option 0 keeps the UI local-only.
@@ -152,6 +160,9 @@ long KroAgent::MainThreadInit(void* /*context*/) {
     }
     uiPort_.store(uiPort);
     server_.Start();
+
+    // The first report goes 30 s after this, the periodic ones follow the configured interval.
+    dialHome_.Start(dialHomeInfo_);
 
     KRO_LOG_INFO << "Agent port " << agentPort << (agentSSL ? " (TLS)" : "") << ", UI port "
                  << uiPort;
@@ -185,6 +196,7 @@ long KroAgent::MainThreadProcess(void* /*context*/) {
     if (const long st = kro::SaveDialHomeInfo(dialHomeInfo_); st != status::Ok) {
       KRO_LOG_ERROR << "Error saving dial-home info, status " << st;
     }
+    dialHome_.Start(dialHomeInfo_);
     KRO_LOG_INFO << "Agent port changed to " << newPort;
   } catch (...) {
     KRO_LOG_ERROR << "Port change failed";
@@ -262,11 +274,20 @@ long KroAgent::UpdateDialHomeInfo(const wchar_t* filePath, const char* settingsT
     if (const long st = kro::ParseDialHomeInfoJson(dialHomeInfo_, settingsText); st < 0) {
       return st;
     }
+    // Settings whose management server cannot be reached are refused, not written.
+    if (const long st = dialHome_.TestConnection(dialHomeInfo_); st < 0) {
+      return st;
+    }
     // Only settings that name their management server are worth keeping on disk.
     if ((dialHomeInfo_.flags & kro::DialHomeInfo::kHomeName) == 0) {
       return status::NotAvailable;
     }
-    return kro::WriteDialHomeInfoFile(filePath, dialHomeInfo_);
+    if (const long st = kro::WriteDialHomeInfoFile(filePath, dialHomeInfo_); st < 0) {
+      return st;
+    }
+    return status::Code(nvthreads_workitem_add(kDialHomePool, kDialHomeThread, "request", 1, 0, 0,
+                                               nullptr, nullptr, kro::DialHome::RequestEntry,
+                                               &dialHome_));
   } catch (...) {
     return status::Failure;
   }

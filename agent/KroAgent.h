@@ -7,6 +7,8 @@
 #include "agent/IKroAgent.h"
 #include "agent/RoutineTable.h"
 #include "dialhome/DialHomeInfo.h"
+#include "dialhome/EndNodeDialHome.h"
+#include "dialhome/EndNodeModifyPort.h"
 #include "dialhome/SystemInventory.h"
 #include "server/KroServer.h"
 
@@ -97,7 +99,9 @@ class KRO_AGENT_API KroAgent : public IKroAgent {
   kro::KroServer server_;
   kro::KroAgentConfiguration* agentConfig_ = nullptr;  // the process-wide settings, not owned
   kro::DialHomeInfo dialHomeInfo_;
+  kro::DialHome dialHome_;
   std::atomic<uint32_t> pendingPort_{0};
+  kro::EndNodeModifyPort modifyPort_{pendingPort_};
   RoutineTable routines_;
   std::mutex systemInfoLock_;
   kro::SystemInventory systemInfo_;

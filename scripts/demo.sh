@@ -59,12 +59,20 @@ Windows Registry Editor Version 5.00
 REG
 
 export KRO_REGISTRY_FILE=$demo/registry.reg
+
+# A stand-in for the management server, where DialHomeInfo.txt points: it prints each report.
+python3 "$root/scripts/home_server.py" --port 13570 &
+home_pid=$!
+trap 'kill "$home_pid" 2>/dev/null; wait "$home_pid" 2>/dev/null' EXIT
+
 cat <<TXT
 
 KroAgent demo
   browser UI        http://127.0.0.1:13569/   (this machine only)
   agent port        https://127.0.0.1:13568/arbalo/  (self-signed certificate)
   try               curl -s http://127.0.0.1:13569/arbalo/Requests/getInstalledProducts.json
+  management server http://127.0.0.1:13570/ (a stand-in; the first report arrives 30 s after
+                    start and is printed below; then one every hour)
   host and module   $demo/bin
   log               $demo/bin/KroAgent.log
   registry          $demo/registry.reg
@@ -72,4 +80,6 @@ KroAgent demo
 Stop with Ctrl+C.
 
 TXT
-exec "$demo/bin/kroagent"
+# Not exec: the stand-in is stopped when the agent ends.
+"$demo/bin/kroagent" || status=$?
+exit "${status:-0}"

@@ -121,20 +121,43 @@ TEST_F(InstalledProductsTests, ReportTextForASmallFile) {
                                R"("version":"2.1.300.4","patchLevel":"P3"})"));
 }
 
-TEST_F(InstalledProductsTests, FiveProductsGrowTheTableAndStayInIdOrder) {
+TEST_F(InstalledProductsTests, ManyProductsGrowTheTableStayInIdOrderAndKeepValidVersions) {
   ASSERT_EQ(Load(ProductsFile(R"({"id":50,"name":"e","version":"5"},{"id":30,"name":"c"},)"
-                              R"({"id":90,"name":"i"},{"id":1,"name":"a"},)"
-                              R"({"id":70,"name":"G","version":"7.1"})")),
+                              R"({"id":90,"name":"i","version":"0.0.0.0"},{"id":1,"name":"a"},)"
+                              R"({"id":70,"name":"G","version":"7.1"},)"
+                              R"({"id":20,"name":"d","version":"100.200.3000.100"},)"
+                              R"({"id":40,"name":"f","version":"7a"})")),
             status::Ok);
-  EXPECT_EQ(Ids(), (std::vector<uint16_t>{1, 30, 50, 70, 90}));
-
-  // The indexes must follow the records into the grown table.
-  ProductRecord record;
-  ASSERT_EQ(Products().FindByName("e", record), status::Ok);
-  EXPECT_EQ(record.id, 50);
-  EXPECT_STREQ(record.versionText, "5");
-  ASSERT_EQ(Products().FindById(70, record), status::Ok);
-  EXPECT_STREQ(record.name, "G");
+  EXPECT_EQ(Ids(), (std::vector<uint16_t>{1, 20, 30, 40, 50, 70, 90}));
+  struct Case {
+    uint16_t id;
+    const char* name;
+    uint32_t count;
+    uint32_t packed;
+    const char* text;
+  };
+  const Case cases[] = {
+      {1, "a", 1, 0x07000DE0, "7.0.222.0"},  // our own product, without a version of its own
+      {20, "d", 1, 0x64C8BB84, ""},          // packed, but the text is too long to keep
+      {30, "c", 0, 0, ""},
+      {40, "f", 0, 0, ""},
+      {50, "e", 1, 0x05000000, "5"},
+      {70, "G", 1, 0x07010000, "7.1"},
+      {90, "i", 0, 0, ""},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.id);
+    // The indexes must follow the records into the grown table.
+    ProductRecord byName;
+    ASSERT_EQ(Products().FindByName(c.name, byName), status::Ok);
+    EXPECT_EQ(byName.id, c.id);
+    ProductRecord record;
+    ASSERT_EQ(Products().FindById(c.id, record), status::Ok);
+    EXPECT_STREQ(record.name, c.name);
+    EXPECT_EQ(record.versionCount, c.count);
+    EXPECT_EQ(record.packedVersion, c.packed);
+    EXPECT_STREQ(record.versionText, c.text);
+  }
   uint32_t packed = 0;
   ASSERT_EQ(Products().FindVersion(70, 7, packed), status::Ok);
   EXPECT_EQ(packed, 0x07010000u);
@@ -181,32 +204,6 @@ TEST_F(InstalledProductsTests, VersionTextPacking) {
     if (c.valid) {
       EXPECT_EQ(packed, c.packed);
     }
-  }
-}
-
-TEST_F(InstalledProductsTests, OnlyValidVersionsAreRecorded) {
-  ASSERT_EQ(Load(ProductsFile(R"({"id":2,"name":"a","version":"7a"},)"
-                              R"({"id":3,"name":"b","version":"0.0.0.0"},)"
-                              R"({"id":4,"name":"c","version":"100.200.3000.100"})")),
-            status::Ok);
-  struct Case {
-    uint16_t id;
-    uint32_t count;
-    uint32_t packed;
-    const char* text;
-  };
-  const Case cases[] = {
-      {2, 0, 0, ""},
-      {3, 0, 0, ""},
-      {4, 1, 0x64C8BB84, ""},  // packed, but the text is too long to keep
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.id);
-    ProductRecord record;
-    ASSERT_EQ(Products().FindById(c.id, record), status::Ok);
-    EXPECT_EQ(record.versionCount, c.count);
-    EXPECT_EQ(record.packedVersion, c.packed);
-    EXPECT_STREQ(record.versionText, c.text);
   }
 }
 

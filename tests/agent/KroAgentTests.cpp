@@ -12,6 +12,7 @@
 #include "agent/KroVersion.h"
 #include "common/KroStatus.h"
 #include "common/WinHelper.h"
+#include "hlp/TcpClient.h"
 #include "tests/support/TestSupport.h"
 
 namespace KroAgent {
@@ -26,10 +27,11 @@ class KroAgentTests : public testing::Test {
     kro::WriteRegistryString(install, kSetupKey, L"InstallDir");
     kro::WriteRegistryString(std::to_wstring(kro::test::FreeTcpPort()), kArbaloKey, L"AgentUIPort");
     agentPort_ = kro::test::FreeTcpPort();
-    WriteSettings(
-        "HomeName:mgmt01,HomePort:8443,HomeSSL:Y,AgentPort:" + std::to_string(agentPort_) +
-        ",AgentSSL:N,StartupMode:Paused,BAPhase1:0,BAPhase2:24,BAPhase3:48,"
-        "BAPhase4:12\n");
+    // The management server of the file is down: reports fail at once and are retried later.
+    WriteSettings("HomeName:127.0.0.1,HomePort:" + std::to_string(kro::test::FreeTcpPort()) +
+                  ",HomeSSL:N,AgentPort:" + std::to_string(agentPort_) +
+                  ",AgentSSL:N,StartupMode:Paused,BAPhase1:0,BAPhase2:24,BAPhase3:48,"
+                  "BAPhase4:12\n");
   }
   void WriteSettings(const std::string& line) { install_.Write("DialHomeInfo.txt", line); }
   std::string Settings() const { return kro::test::ReadFile(install_.Path() / "DialHomeInfo.txt"); }
@@ -37,14 +39,15 @@ class KroAgentTests : public testing::Test {
   static long UIPort(KroAgent& agent, unsigned short& port) { return agent.GetAgentUIPort(port); }
 
   // Calls a routine through the map, as the server's dispatcher does.
-  static long Call(KroAgent& agent, const char* name, std::string& answer) {
+  static long Call(KroAgent& agent, const char* name, std::string& answer,
+                   const std::string& request = "") {
     std::function<RoutineFn> routine;
     if (!agent.Routines().Find(name, routine)) {
       return kro::status::NotFound;
     }
     const char* response = nullptr;
     size_t length = 0;
-    const long status = routine("", 0, &response, &length);
+    const long status = routine(request.c_str(), request.size(), &response, &length);
     if (response != nullptr) {
       answer.assign(response, length);
       agent.ReleaseResponse(const_cast<char*>(response));
@@ -157,24 +160,37 @@ TEST_F(KroAgentTests, InitFailsWithoutTheSettingsFile) {
   EXPECT_EQ(agent.Init(), kro::status::FileOpenFailed);
 }
 
-TEST_F(KroAgentTests, UpdateDialHomeInfoMergesAndWritesTheGivenFile) {
+TEST_F(KroAgentTests, UpdateDialHomeInfoWritesOnlySettingsWhoseServerAnswers) {
   KroAgent agent;
   ASSERT_EQ(agent.Init(), 0);
+  ASSERT_EQ(agent.MainThreadInit(&agent), 0);  // the dial-home client and the server
+
   const auto target = install_.Path() / "updated.txt";
-  EXPECT_EQ(agent.UpdateDialHomeInfo(target.wstring().c_str(),
-                                     R"({"HomeName":"mgmt02","AgentPort":9500})"),
-            0);
+  {
+    kro::test::LoopbackListener home;
+    const std::string json = R"({"HomeName":"127.0.0.1","HomePort":)" +
+                             std::to_string(home.Port()) + R"(,"AgentPort":9500})";
+    EXPECT_EQ(agent.UpdateDialHomeInfo(target.wstring().c_str(), json.c_str()), 0);
+  }
   EXPECT_EQ(agent.GetAgentPort(), 9500);
   const std::string written = kro::test::ReadFile(target);
-  EXPECT_EQ(written.rfind("HomeName:mgmt02,HomePort:8443,", 0), 0u) << written;
+  EXPECT_EQ(written.rfind("HomeName:127.0.0.1,HomePort:", 0), 0u) << written;
   EXPECT_NE(written.find("AgentPort:9500,AgentSSL:N"), std::string::npos) << written;
   EXPECT_EQ(written.back(), '\n');
+
+  // A server that does not answer: the settings are refused and nothing is written.
+  const auto refused = install_.Path() / "refused.txt";
+  const std::string down = R"({"HomePort":)" + std::to_string(kro::test::FreeTcpPort()) + "}";
+  EXPECT_LT(agent.UpdateDialHomeInfo(refused.wstring().c_str(), down.c_str()), 0);
+  EXPECT_FALSE(std::filesystem::exists(refused));
 
   // A member of the wrong type stops the merge; nothing is written.
   const auto untouched = install_.Path() / "untouched.txt";
   EXPECT_EQ(agent.UpdateDialHomeInfo(untouched.wstring().c_str(), R"({"AgentPort":"x"})"),
             kro::status::Failure);
   EXPECT_FALSE(std::filesystem::exists(untouched));
+
+  EXPECT_EQ(agent.MainThreadCleanup(&agent), 0);
   EXPECT_EQ(agent.Exit(), 0);
 }
 
@@ -242,6 +258,42 @@ TEST_F(KroAgentTests, MainWorkItemWithoutAPortChangeWritesNothing) {
   EXPECT_EQ(data[0], 1);
   EXPECT_EQ(agent.GetAgentPort(), 13568);
   EXPECT_EQ(Settings().find("AgentPort:13568"), std::string::npos);
+}
+
+TEST_F(KroAgentTests, APortChangeMovesTheServerAndRewritesTheSettings) {
+  KroAgent agent;
+  ASSERT_EQ(agent.Init(), 0);
+  ASSERT_EQ(agent.Start(), 0);
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  while (agent.Server().GetState() != kro::kServerRunning &&
+         std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  ASSERT_EQ(agent.Server().GetState(), kro::kServerRunning);
+  const uint16_t oldPort = agent.GetAgentPort();
+
+  const uint16_t newPort = kro::test::FreeTcpPort();
+  std::string answer;
+  ASSERT_EQ(Call(agent, "modifycommunicationport", answer,
+                 R"({"systemId":"42","port":")" + std::to_string(newPort) + R"("})"),
+            0);
+  EXPECT_EQ(answer, R"({"result":"success","systemId":"42"})");
+  EXPECT_EQ(agent.PendingPort(), newPort);
+
+  // The main work item applies it (every minute; driven here directly).
+  ASSERT_EQ(agent.MainThreadProcess(&agent), 0);
+  EXPECT_EQ(agent.GetAgentPort(), newPort);
+  EXPECT_EQ(agent.Server().ListeningPorts(), std::to_string(newPort));
+  EXPECT_TRUE(hlp::TcpClient("127.0.0.1", newPort, 2).Connect());
+  EXPECT_FALSE(hlp::TcpClient("127.0.0.1", oldPort, 2).Connect());
+
+  std::vector<uint8_t> data;
+  kro::RegType type = kro::RegType::None;
+  ASSERT_EQ(kro::RegistryQueryValue(kArbaloKey, L"AgentPort", type, data), 0);
+  EXPECT_EQ(data[0] | (data[1] << 8), newPort);
+  EXPECT_NE(Settings().find("AgentPort:" + std::to_string(newPort) + ","), std::string::npos)
+      << Settings();
+  EXPECT_EQ(agent.Exit(), 0);
 }
 
 }  // namespace KroAgent

@@ -11,11 +11,6 @@
 #include "common/KroStatus.h"
 #include "tests/support/TestSupport.h"
 
-#ifndef _WIN32
-#include <sys/wait.h>
-#include <unistd.h>
-#endif
-
 namespace kro {
 namespace {
 
@@ -169,41 +164,6 @@ TEST_F(RegistryFileFormatTests, LocationComesFromTheEnvironmentAtEachCall) {
   std::wstring text = L"stale";
   ReadRegistryString(text, kArbalo, L"Name");
   EXPECT_EQ(text, L"");
-}
-
-TEST_F(RegistryFileFormatTests, WritersInSeveralProcessesAllLand) {
-#ifndef _WIN32
-  constexpr int kProcesses = 3;
-  constexpr int kValuesEach = 20;
-  std::vector<pid_t> children;
-  for (int p = 0; p < kProcesses; ++p) {
-    const pid_t child = fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-      for (int i = 0; i < kValuesEach; ++i) {
-        WriteRegistryDword(static_cast<uint32_t>(p * 100 + i), kArbalo,
-                           L"P" + std::to_wstring(p) + L"V" + std::to_wstring(i));
-      }
-      _exit(0);
-    }
-    children.push_back(child);
-  }
-  for (pid_t child : children) {
-    int status = 0;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-  }
-  for (int p = 0; p < kProcesses; ++p) {
-    for (int i = 0; i < kValuesEach; ++i) {
-      SCOPED_TRACE(p * 100 + i);
-      const uint32_t expected = static_cast<uint32_t>(p * 100 + i);
-      EXPECT_EQ(
-          Query(kArbalo, L"P" + std::to_wstring(p) + L"V" + std::to_wstring(i), RegType::Dword),
-          (std::vector<uint8_t>{static_cast<uint8_t>(expected), static_cast<uint8_t>(expected >> 8),
-                                0, 0}));
-    }
-  }
-#endif
 }
 
 }  // namespace

@@ -9,6 +9,11 @@
 #include "common/KroStatus.h"
 #include "tests/support/TestSupport.h"
 
+#ifndef _WIN32
+#include <sys/wait.h>
+#include <unistd.h>
+#endif
+
 namespace kro {
 namespace {
 
@@ -36,6 +41,15 @@ class RegistryTests : public testing::Test {
     ReadRegistryNumber(out, key, name);
     return out;
   }
+  // The stored bytes of a value of the `expected` type; empty when it cannot be read.
+  static std::vector<uint8_t> Raw(const std::wstring& key, const std::wstring& name,
+                                  RegType expected) {
+    RegType type = RegType::None;
+    std::vector<uint8_t> data;
+    EXPECT_EQ(RegistryQueryValue(key, name, type, data), status::Ok);
+    EXPECT_EQ(type, expected);
+    return data;
+  }
 
   test::ScopedRegistry registry_;
 };
@@ -55,11 +69,7 @@ TEST_F(RegistryTests, StringsRoundTripWithWindowsBytes) {
     SCOPED_TRACE(testing::PrintToString(std::wstring(c.text)));
     WriteRegistryString(c.text, kSetup, L"InstallDir");
     EXPECT_EQ(ReadString(kSetup, L"InstallDir"), c.text);
-
-    RegType type = RegType::None;
-    std::vector<uint8_t> data;
-    ASSERT_EQ(RegistryQueryValue(kSetup, L"InstallDir", type, data), status::Ok);
-    EXPECT_EQ(type, RegType::Sz);
+    const std::vector<uint8_t> data = Raw(kSetup, L"InstallDir", RegType::Sz);
     if (!c.units.empty()) {
       EXPECT_EQ(data, Utf16Bytes(c.units));
     } else {
@@ -100,9 +110,7 @@ TEST_F(RegistryTests, EmptyKeyNameMeansTheDefaultKey) {
   WriteRegistryString(L"through empty", L"", L"Value");
   EXPECT_EQ(ReadString(kDefaultRegistryKey, L"Value"), L"through empty");
   WriteRegistryDword(7, kDefaultRegistryKey, L"Number");
-  RegType type = RegType::None;
-  std::vector<uint8_t> data;
-  EXPECT_EQ(RegistryQueryValue(L"", L"Number", type, data), status::Ok);
+  EXPECT_EQ(Raw(L"", L"Number", RegType::Dword), (std::vector<uint8_t>{7, 0, 0, 0}));
   EXPECT_EQ(RegistryWriteSz(L"", L"Other", L"x", false), status::Ok);
   std::wstring text;
   EXPECT_EQ(RegistryReadSz(kDefaultRegistryKey, L"Other", 64, text), status::Ok);
@@ -153,49 +161,46 @@ TEST_F(RegistryTests, WriteWithoutCreateNeedsAnExistingKey) {
   EXPECT_EQ(ReadString(dialHome, L"Alternate"), L"backup");
 }
 
-TEST_F(RegistryTests, RewritingOneValueKeepsTheOthers) {
-  WriteRegistryDword(8443, kArbalo, L"AgentPort");
-  WriteRegistryDword(1, kArbalo, L"AgentSSL");
-  WriteRegistryString(L"C:\\Kro", kSetup, L"InstallDir");
-  WriteRegistryString(L"kesta", L"", L"Name");
-
-  WriteRegistryDword(9443, kArbalo, L"AgentPort");
-
-  RegType type = RegType::None;
-  std::vector<uint8_t> data;
-  ASSERT_EQ(RegistryQueryValue(kArbalo, L"AgentPort", type, data), status::Ok);
-  EXPECT_EQ(type, RegType::Dword);
-  EXPECT_EQ(data, (std::vector<uint8_t>{0xE3, 0x24, 0, 0}));  // little-endian 9443
-  ASSERT_EQ(RegistryQueryValue(kArbalo, L"AgentSSL", type, data), status::Ok);
-  EXPECT_EQ(data, (std::vector<uint8_t>{1, 0, 0, 0}));
-  EXPECT_EQ(ReadString(kSetup, L"InstallDir"), L"C:\\Kro");
-  EXPECT_EQ(ReadString(L"", L"Name"), L"kesta");
-}
-
+// Threads and, where the registry is a file, processes write at once: no value may be lost.
 TEST_F(RegistryTests, ConcurrentWritersAllLand) {
-  constexpr int kThreads = 4;
-  constexpr int kValuesEach = 25;
-  std::vector<std::thread> writers;
-  for (int t = 0; t < kThreads; ++t) {
-    writers.emplace_back([t] {
-      for (int i = 0; i < kValuesEach; ++i) {
-        WriteRegistryDword(static_cast<uint32_t>(t * 1000 + i), kArbalo,
-                           L"T" + std::to_wstring(t) + L"V" + std::to_wstring(i));
-      }
-    });
+  constexpr uint32_t kValuesEach = 20;
+  const auto writeAll = [](uint32_t writer) {
+    for (uint32_t value = writer * 100; value < writer * 100 + kValuesEach; ++value) {
+      WriteRegistryDword(value, kArbalo, L"V" + std::to_wstring(value));
+    }
+  };
+  const auto writeFromTwoThreads = [&](uint32_t first) {
+    std::thread other(writeAll, first + 1);
+    writeAll(first);
+    other.join();
+  };
+  uint32_t writers = 2;
+#ifndef _WIN32
+  std::vector<pid_t> children;
+  for (; writers < 6; writers += 2) {
+    const pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+      writeFromTwoThreads(writers);
+      _exit(0);
+    }
+    children.push_back(child);
   }
-  for (std::thread& writer : writers) {
-    writer.join();
+#endif
+  writeFromTwoThreads(0);
+#ifndef _WIN32
+  for (pid_t child : children) {
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
   }
-  for (int t = 0; t < kThreads; ++t) {
-    for (int i = 0; i < kValuesEach; ++i) {
-      RegType type = RegType::None;
-      std::vector<uint8_t> data;
-      const std::wstring name = L"T" + std::to_wstring(t) + L"V" + std::to_wstring(i);
-      ASSERT_EQ(RegistryQueryValue(kArbalo, name, type, data), status::Ok) << t << "/" << i;
-      const uint32_t expected = static_cast<uint32_t>(t * 1000 + i);
-      EXPECT_EQ(data, (std::vector<uint8_t>{static_cast<uint8_t>(expected),
-                                            static_cast<uint8_t>(expected >> 8), 0, 0}));
+#endif
+  for (uint32_t writer = 0; writer < writers; ++writer) {
+    for (uint32_t value = writer * 100; value < writer * 100 + kValuesEach; ++value) {
+      SCOPED_TRACE(value);
+      EXPECT_EQ(Raw(kArbalo, L"V" + std::to_wstring(value), RegType::Dword),
+                (std::vector<uint8_t>{static_cast<uint8_t>(value), static_cast<uint8_t>(value >> 8),
+                                      0, 0}));
     }
   }
 }

@@ -154,12 +154,6 @@ class ConvertFailureLogTests : public testing::Test {
     return lines;
   }
 
-  static bool EndsWith(const std::string& line, const std::string& message) {
-    const std::string suffix = " - " + message;
-    return line.size() >= suffix.size() &&
-           line.compare(line.size() - suffix.size(), suffix.size(), suffix) == 0;
-  }
-
   test::TempDir dir_;
   std::filesystem::path file_;
 };
@@ -189,7 +183,7 @@ TEST_F(ConvertFailureLogTests, LogsCodeAndCappedInputExactly) {
     const std::vector<std::string> lines = Lines();
     ASSERT_EQ(lines.size(), before + 1);
     EXPECT_NE(lines.back().find("[error]"), std::string::npos) << lines.back();
-    EXPECT_TRUE(EndsWith(lines.back(), c.message)) << lines.back();
+    EXPECT_TRUE(lines.back().ends_with(" - " + c.message)) << lines.back();
   }
 }
 
@@ -212,8 +206,8 @@ TEST_F(ConvertFailureLogTests, OnlyFailedConversionsAreLogged) {
   EXPECT_EQ(wide, L"old");
   const std::vector<std::string> lines = Lines();
   ASSERT_EQ(lines.size(), 2u);
-  EXPECT_TRUE(EndsWith(lines[0], "Failure to convert wide to multibyte string. [57]: []"));
-  EXPECT_TRUE(EndsWith(lines[1], "Failure to convert multibyte to wide string. [57]: []"));
+  EXPECT_TRUE(lines[0].ends_with(" - Failure to convert wide to multibyte string. [57]: []"));
+  EXPECT_TRUE(lines[1].ends_with(" - Failure to convert multibyte to wide string. [57]: []"));
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <ctime>
+#include <regex>
 #include <string>
 
 #include "tests/support/TestSupport.h"
@@ -116,21 +117,6 @@ TEST_F(FileTimeFormatTests, CurrentFileTimeIsNow) {
               5.0 * kTicksPerSecond);
 }
 
-// True when `text` has the digits and separators of "dddd-dd-dd_dd:dd:dd".
-bool IsJobStamp(const std::string& text) {
-  const std::string shape = "dddd-dd-dd_dd:dd:dd";
-  if (text.size() != shape.size()) {
-    return false;
-  }
-  for (size_t i = 0; i < shape.size(); ++i) {
-    const bool digit = text[i] >= '0' && text[i] <= '9';
-    if (shape[i] == 'd' ? !digit : text[i] != shape[i]) {
-      return false;
-    }
-  }
-  return true;
-}
-
 TEST_F(FileTimeFormatTests, JobNameCarriesPrefixAndLocalTime) {
   struct Case {
     const char* prefix;
@@ -145,7 +131,7 @@ TEST_F(FileTimeFormatTests, JobNameCarriesPrefixAndLocalTime) {
     const std::string start = c.start;
     ASSERT_EQ(name.substr(0, start.size()), start);
     std::string stamp = name.substr(start.size());
-    ASSERT_TRUE(IsJobStamp(stamp)) << name;
+    ASSERT_TRUE(std::regex_match(stamp, std::regex(R"(\d{4}-\d\d-\d\d_\d\d:\d\d:\d\d)"))) << name;
     stamp[10] = ' ';  // the local text separates date and time by a blank
     EXPECT_TRUE(stamp == before || stamp == after) << stamp << " vs " << before;
   }

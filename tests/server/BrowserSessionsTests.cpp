@@ -60,7 +60,7 @@ class ConsoleSessionTests : public testing::Test {
   uint64_t now_ = 1'000'000 * kMinute;
 };
 
-TEST_F(ConsoleSessionTests, HtmlNeedsALiveSessionOtherFilesDoNot) {
+TEST_F(ConsoleSessionTests, HtmlNeedsALiveSessionThatLogoutOrAPauseEnds) {
   EXPECT_EQ(Served("10.0.0.5", "/KRO/Master/index.html"), kLoginPageUri);
   EXPECT_EQ(Served("10.0.0.5", "/KRO/Master/app.js"), "/KRO/Master/app.js");
   EXPECT_EQ(Served("10.0.0.5", "/KRO/Master/style.css"), "/KRO/Master/style.css");
@@ -80,12 +80,12 @@ TEST_F(ConsoleSessionTests, HtmlNeedsALiveSessionOtherFilesDoNot) {
   EXPECT_EQ(Served("10.0.0.5", "/KRO/Master/a.html"), "/KRO/Master/a.html");
   now_ += 30 * kMinute;
   EXPECT_EQ(Served("10.0.0.5", "/KRO/Master/a.html"), kLoginPageUri);
-}
 
-TEST_F(ConsoleSessionTests, LogoutEndsTheSession) {
+  // Only a successful logout ends it; other routines' answers do not.
   sessions_.UpdateSession("10.0.0.5", kLoginUri, Answer("success"));
-  EXPECT_EQ(Served("10.0.0.5", "/KRO/Master/index.html"), "/KRO/Master/index.html");
   sessions_.UpdateSession("10.0.0.5", "/KRO/Master/Requests/other.json", Answer("success"));
+  EXPECT_EQ(Served("10.0.0.5", "/KRO/Master/index.html"), "/KRO/Master/index.html");
+  sessions_.UpdateSession("10.0.0.5", kLogoutUri, Answer("failure"));
   EXPECT_EQ(Served("10.0.0.5", "/KRO/Master/index.html"), "/KRO/Master/index.html");
   sessions_.UpdateSession("10.0.0.5", kLogoutUri, Answer("success"));
   EXPECT_EQ(Served("10.0.0.5", "/KRO/Master/index.html"), kLoginPageUri);

@@ -3,7 +3,6 @@
 // Boost 1.74's Asio uses std::exchange without including <utility> itself.
 #include <utility>
 
-#include <array>
 #include <boost/asio.hpp>
 #include <boost/asio/ssl.hpp>
 #include <cctype>
@@ -14,6 +13,10 @@ namespace {
 
 namespace asio = boost::asio;
 using asio::ip::tcp;
+
+tcp::endpoint Loopback(uint16_t port) {
+  return tcp::endpoint(asio::ip::address_v4::loopback(), port);
+}
 
 // Done when the header block is in and as many body bytes as content-Length announces.
 bool Complete(const std::string& raw) {
@@ -26,56 +29,26 @@ bool Complete(const std::string& raw) {
     c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
   }
   const size_t at = head.find("content-length:");
-  if (at == std::string::npos) {
-    return false;
-  }
-  const size_t length = std::strtoul(head.c_str() + at + 15, nullptr, 10);
-  return raw.size() - (end + 4) >= length;
+  return at != std::string::npos &&
+         raw.size() - (end + 4) >= std::strtoul(head.c_str() + at + 15, nullptr, 10);
 }
 
-struct Exchange {
-  std::string request;
-  std::string reply;
-  std::array<char, 4096> buffer{};
-  bool finished = false;
-
-  template <typename Stream>
-  void Write(Stream& stream) {
-    asio::async_write(stream, asio::buffer(request), [this, &stream](auto ec, size_t) {
-      if (ec) {
-        finished = true;
-        return;
-      }
-      Read(stream);
-    });
-  }
-
-  template <typename Stream>
-  void Read(Stream& stream) {
-    stream.async_read_some(asio::buffer(buffer), [this, &stream](auto ec, size_t n) {
-      reply.append(buffer.data(), n);
-      if (ec || Complete(reply)) {
-        finished = true;
-        return;
-      }
-      Read(stream);
-    });
-  }
-};
+template <typename Stream>
+void Exchange(Stream& stream, const std::string& request, std::string& reply) {
+  asio::async_write(stream, asio::buffer(request), [&](auto ec, size_t) {
+    if (!ec) {
+      asio::async_read(
+          stream, asio::dynamic_buffer(reply),
+          [&](auto readError, size_t) -> size_t { return readError || Complete(reply) ? 0 : 4096; },
+          [](auto, size_t) {});
+    }
+  });
+}
 
 }  // namespace
 
-uint16_t FreePort() {
-  asio::io_context io;
-  tcp::acceptor acceptor(io, tcp::endpoint(asio::ip::address_v4::loopback(), 0));
-  return acceptor.local_endpoint().port();
-}
-
 int HttpReply::Status() const {
-  if (raw.rfind("HTTP/1.", 0) != 0 || raw.size() < 12) {
-    return 0;
-  }
-  return std::atoi(raw.c_str() + 9);
+  return raw.rfind("HTTP/1.", 0) == 0 && raw.size() >= 12 ? std::atoi(raw.c_str() + 9) : 0;
 }
 
 std::string HttpReply::Head() const {
@@ -96,33 +69,27 @@ HttpReply SendRaw(uint16_t port, const std::string& request, bool tls,
   asio::ssl::context context(asio::ssl::context::tls_client);
   context.set_verify_mode(asio::ssl::verify_none);
   asio::ssl::stream<tcp::socket&> secure(socket, context);
-  Exchange exchange;
-  exchange.request = request;
-
-  socket.async_connect(tcp::endpoint(asio::ip::address_v4::loopback(), port), [&](auto ec) {
+  socket.async_connect(Loopback(port), [&](auto ec) {
+    reply.connected = !ec;
     if (ec) {
-      exchange.finished = true;
       return;
     }
-    reply.connected = true;
     if (!tls) {
-      exchange.Write(socket);
+      Exchange(socket, request, reply.raw);
       return;
     }
     secure.async_handshake(asio::ssl::stream_base::client, [&](auto handshakeError) {
-      if (handshakeError) {
-        exchange.finished = true;
-        return;
+      if (!handshakeError) {
+        Exchange(secure, request, reply.raw);
       }
-      exchange.Write(secure);
     });
   });
   io.run_for(timeout);
+  // Let the cancelled operations finish before their buffers go away.
   boost::system::error_code ignored;
   socket.close(ignored);
   io.restart();
   io.run_for(std::chrono::milliseconds(100));
-  reply.raw = exchange.reply;
   return reply;
 }
 
@@ -139,24 +106,18 @@ std::string MakeRequest(const std::string& method, const std::string& uri,
   return request + extraHeaders + "Connection: close\r\n\r\n" + body;
 }
 
-struct StalledClient::Impl {
-  asio::io_context io;
-  tcp::socket socket{io};
-};
-
-StalledClient::StalledClient(uint16_t port, const std::string& partialRequest) : impl_(new Impl) {
+std::shared_ptr<void> OpenStalledClient(uint16_t port, const std::string& partialRequest) {
+  struct Client {
+    asio::io_context io;
+    tcp::socket socket{io};
+  };
+  auto client = std::make_shared<Client>();
   boost::system::error_code ec;
-  impl_->socket.connect(tcp::endpoint(asio::ip::address_v4::loopback(), port), ec);
+  client->socket.connect(Loopback(port), ec);
   if (!ec) {
-    asio::write(impl_->socket, asio::buffer(partialRequest), ec);
+    asio::write(client->socket, asio::buffer(partialRequest), ec);
   }
-  connected_ = !ec;
-}
-
-StalledClient::~StalledClient() {
-  boost::system::error_code ignored;
-  impl_->socket.close(ignored);
-  delete impl_;
+  return ec ? nullptr : client;
 }
 
 }  // namespace kro::test

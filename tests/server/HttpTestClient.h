@@ -2,12 +2,10 @@
 
 #include <chrono>
 #include <cstdint>
+#include <memory>
 #include <string>
 
 namespace kro::test {
-
-/** @brief A free TCP port on this machine, found by binding port 0 on a throw-away socket. */
-uint16_t FreePort();
 
 /** @brief What came back from one exchange on 127.0.0.1. */
 struct HttpReply {
@@ -34,19 +32,10 @@ std::string MakeRequest(const std::string& method, const std::string& uri,
                         const std::string& userAgent, const std::string& body = {},
                         const std::string& extraHeaders = {});
 
-/** @brief A connection that is opened and then left silent until destroyed. */
-class StalledClient {
- public:
-  explicit StalledClient(uint16_t port, const std::string& partialRequest);
-  ~StalledClient();
-  StalledClient(const StalledClient&) = delete;
-  StalledClient& operator=(const StalledClient&) = delete;
-  bool Connected() const { return connected_; }
-
- private:
-  struct Impl;
-  Impl* impl_;
-  bool connected_ = false;
-};
+/**
+ * @brief Opens a connection, sends `partialRequest` and leaves it silent until the result is
+ * destroyed; null when the connection failed.
+ */
+std::shared_ptr<void> OpenStalledClient(uint16_t port, const std::string& partialRequest);
 
 }  // namespace kro::test

@@ -4,6 +4,8 @@
 
 #include <chrono>
 #include <cstring>
+#include <memory>
+#include <utility>
 
 #include "common/KroStatus.h"
 #include "common/WinHelper.h"
@@ -24,12 +26,25 @@ class KroServerTests : public testing::Test {
     nvthreads_cleanup();
   }
 
-  // Calls a routine the server registered, as the dispatcher would.
-  long Call(const char* name, const char* request, const char** answer, size_t* length) {
+  // Calls a routine the server registered, as the dispatcher would; gives status and answer.
+  std::function<RoutineFn> Routine(const char* name) {
     std::function<RoutineFn> routine;
     EXPECT_TRUE(routines_.Find(name, routine)) << name;
-    return routine ? routine(request, request != nullptr ? std::strlen(request) : 0, answer, length)
-                   : status::NotFound;
+    return routine;
+  }
+  std::pair<long, std::string> Call(const char* name, const char* request = nullptr) {
+    const char* answer = nullptr;
+    size_t length = 0;
+    const long result =
+        Routine(name)(request, request != nullptr ? std::strlen(request) : 0, &answer, &length);
+    const std::unique_ptr<const char[]> owned(answer);
+    EXPECT_TRUE(answer == nullptr || answer[length] == '\0');
+    return {result, answer != nullptr ? std::string(answer, length) : "<none>"};
+  }
+  static long Recorded() {
+    std::wstring recorded;
+    const long result = RegistryReadSz(kDefaultRegistryKey, kLastHeartBeatValue, 64, recorded);
+    return result == status::Ok ? std::stol(recorded) : result;
   }
 
   kro::test::ScopedRegistry registry_;
@@ -60,7 +75,7 @@ TEST_F(KroServerTests, PortStringKeepsLastDuplicateInItsPlace) {
   }
 }
 
-TEST_F(KroServerTests, InitNamesPoolThreadAndCertificateBesideTheHost) {
+TEST_F(KroServerTests, InitNamesPoolThreadAndCertificateAndPortChangeWaitsForRunning) {
   ASSERT_EQ(server_->Init(4800, true, &routines_, L"ssl_cert.pem", "KroAgent", 0), status::Ok);
   EXPECT_STREQ(server_->PoolName(), "ServerPoolKroAgent");
   EXPECT_STREQ(server_->ThreadName(), "ServerThreadKroAgent");
@@ -68,21 +83,17 @@ TEST_F(KroServerTests, InitNamesPoolThreadAndCertificateBesideTheHost) {
   ASSERT_EQ(GetHostDirectory(folder), status::Ok);
   EXPECT_EQ(server_->CertificatePath(), folder + kPathSeparator + L"ssl_cert.pem");
   EXPECT_EQ(server_->GetState(), kServerInitialised);
+  const auto begin = std::chrono::steady_clock::now();
+  EXPECT_EQ(server_->ChangePorts(4900, false), status::WinNotRunning);
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(1));
+  EXPECT_EQ(server_->ListeningPorts(), "4800s");
 
   KroServer other;
   EXPECT_EQ(other.Init({}, &routines_, L"", "KroMaster", 30), status::NotAvailable);
   EXPECT_TRUE(other.CertificatePath().empty());
 }
 
-TEST_F(KroServerTests, PortChangeWhileNotRunningFailsAtOnce) {
-  ASSERT_EQ(server_->Init(4800, false, &routines_, L"", "KroAgent", 0), status::Ok);
-  const auto begin = std::chrono::steady_clock::now();
-  EXPECT_EQ(server_->ChangePorts(4900, false), status::WinNotRunning);
-  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(1));
-  EXPECT_EQ(server_->ListeningPorts(), "4800");
-}
-
-TEST_F(KroServerTests, HeartbeatRecordsTimeAndAnswersStatusPage) {
+TEST_F(KroServerTests, HeartbeatRecordsTimeWhereTheKeyExistsAndAnswersStatusPage) {
   ASSERT_EQ(server_->Init({{4800, true}, {4801, false}}, &routines_, L"", "KroAgent", 0),
             status::Ok);
   int received = 0;
@@ -91,34 +102,32 @@ TEST_F(KroServerTests, HeartbeatRecordsTimeAndAnswersStatusPage) {
                        received += (request == nullptr && answer == nullptr) ? 1 : 100;
                        return 0L;
                      });
-  // The heartbeat only opens the key; it exists once anything was written under it.
-  WriteRegistryString(L"x", kDefaultRegistryKey, L"Other");
-
-  const char* answer = nullptr;
-  size_t length = 0;
-  const int64_t before = static_cast<int64_t>(std::time(nullptr));
-  EXPECT_EQ(Call("CHECKHEARTBEAT", nullptr, &answer, &length), status::WinNotRunning);
-  std::unique_ptr<const char[]> owned(answer);
-  EXPECT_EQ(std::string(answer, length),
-            "<html><body>Server Thread [ServerThreadKroAgent] Port[4800s,4801]</body></html>\n");
+  const std::pair<long, std::string> page = {
+      status::WinNotRunning,
+      "<html><body>Server Thread [ServerThreadKroAgent] Port[4800s,4801]</body></html>\n"};
+  // The heartbeat only opens the key: before anything was written under it, nothing is recorded.
+  EXPECT_EQ(Call("CHECKHEARTBEAT"), page);
+  EXPECT_EQ(Recorded(), status::RegistryOpenFailed);
   EXPECT_EQ(received, 1);
-  std::wstring recorded;
-  ASSERT_EQ(RegistryReadSz(kDefaultRegistryKey, kLastHeartBeatValue, 64, recorded), status::Ok);
-  EXPECT_GE(std::stoll(recorded), before);
-  EXPECT_LE(std::stoll(recorded), before + 5);
+
+  WriteRegistryString(L"x", kDefaultRegistryKey, L"Other");
+  const long before = static_cast<long>(std::time(nullptr));
+  EXPECT_EQ(Call("checkHeartBeat"), page);
+  EXPECT_GE(Recorded(), before);
+  EXPECT_LE(Recorded(), before + 5);
+  EXPECT_EQ(received, 2);
 
   // Without a place for the answer nothing at all happens.
-  EXPECT_EQ(Call("checkHeartBeat", nullptr, nullptr, nullptr), status::Ok);
-  EXPECT_EQ(received, 1);
+  EXPECT_EQ(Routine("checkHeartBeat")(nullptr, 0, nullptr, nullptr), status::Ok);
+  EXPECT_EQ(received, 2);
 }
 
 TEST_F(KroServerTests, HeartbeatDefersToUpdateCommunicationTime) {
   ASSERT_EQ(server_->Init(4800, false, &routines_, L"", "KroAgent", 0), status::Ok);
   WriteRegistryString(L"x", kDefaultRegistryKey, L"Other");
-  int received = 0;
-  std::string forwarded;
+  std::string forwarded = "<none>";
   routines_.Register("HeartBeatReceived", [&](const char*, size_t, const char**, size_t*) {
-    ++received;
+    forwarded = "received";
     return 0L;
   });
   routines_.Register("UpdateCommunicationTime",
@@ -127,41 +136,22 @@ TEST_F(KroServerTests, HeartbeatDefersToUpdateCommunicationTime) {
                        *answer = new char[4]{'o', 'l', 'd', '\0'};  // replaced by the page
                        return 0L;
                      });
-  const char* answer = nullptr;
-  size_t length = 0;
-  EXPECT_EQ(Call("checkHeartBeat", "tick", &answer, &length), status::WinNotRunning);
-  std::unique_ptr<const char[]> owned(answer);
+  const auto [result, page] = Call("checkHeartBeat", "tick");
+  EXPECT_EQ(result, status::WinNotRunning);
+  EXPECT_NE(page.find("Port[4800]"), std::string::npos);
   EXPECT_EQ(forwarded, "tick");
-  EXPECT_EQ(received, 0);
-  EXPECT_NE(std::string(answer, length).find("Port[4800]"), std::string::npos);
-  std::wstring recorded;
-  EXPECT_EQ(RegistryReadSz(kDefaultRegistryKey, kLastHeartBeatValue, 64, recorded),
-            status::RegistryValueMissing);
-}
-
-TEST_F(KroServerTests, HeartbeatWithoutKeyWritesNothing) {
-  ASSERT_EQ(server_->Init(4800, false, &routines_, L"", "KroAgent", 0), status::Ok);
-  const char* answer = nullptr;
-  size_t length = 0;
-  Call("checkHeartBeat", nullptr, &answer, &length);
-  delete[] answer;
-  std::wstring recorded;
-  EXPECT_EQ(RegistryReadSz(kDefaultRegistryKey, kLastHeartBeatValue, 64, recorded),
-            status::RegistryOpenFailed);
+  EXPECT_EQ(Recorded(), status::RegistryValueMissing);
 }
 
 TEST_F(KroServerTests, AuthenticationAndRelaysFollowServerState) {
   ASSERT_EQ(server_->Init(4800, false, &routines_, L"", "KroMaster", 0), status::Ok);
-  const char* answer = nullptr;
-  size_t length = 0;
-  ASSERT_EQ(Call("Authentication", nullptr, &answer, &length), status::Ok);
-  std::unique_ptr<const char[]> owned(answer);
-  EXPECT_EQ(std::string(answer, length), "KroMaster/1.2");
-  EXPECT_EQ(answer[length], '\0');
+  EXPECT_EQ(Call("Authentication"), std::make_pair(status::Ok, std::string("KroMaster/1.2")));
 
   const char* text = "payload";
-  EXPECT_EQ(Call("AddResponseToSendUpperTier", "Message", &text, &length), status::WinNotRunning);
-  EXPECT_EQ(Call("AddJobResponseToSendUpperTier", "job-1", &text, &length), status::WinNotRunning);
+  size_t length = 0;
+  for (const char* relay : {"AddResponseToSendUpperTier", "AddJobResponseToSendUpperTier"}) {
+    EXPECT_EQ(Routine(relay)("job-1", 5, &text, &length), status::WinNotRunning);
+  }
   EXPECT_STREQ(text, "payload");
 }
 

@@ -61,32 +61,65 @@ std::string ReadFile(const std::filesystem::path& file) {
   return content.str();
 }
 
-uint16_t FreeTcpPort() {
+namespace {
+
+#ifdef _WIN32
+using Handle = SOCKET;
+using Length = int;
+void CloseSocket(Handle s) {
+  closesocket(s);
+}
+#else
+using Handle = int;
+using Length = socklen_t;
+void CloseSocket(Handle s) {
+  close(s);
+}
+#endif
+
+// A socket bound to a port of the system's choice on loopback; the port in `port`.
+Handle BindLoopback(uint16_t& port) {
 #ifdef _WIN32
   WSADATA data;
   WSAStartup(MAKEWORD(2, 2), &data);
-  using Handle = SOCKET;
-  auto closeSocket = [](Handle s) { closesocket(s); };
-  using Length = int;
-#else
-  using Handle = int;
-  auto closeSocket = [](Handle s) { close(s); };
-  using Length = socklen_t;
 #endif
   const Handle s = socket(AF_INET, SOCK_STREAM, 0);
   sockaddr_in address{};
   address.sin_family = AF_INET;
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  address.sin_port = 0;
-  uint16_t port = 0;
+  port = 0;
   if (bind(s, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0) {
     Length length = sizeof(address);
     if (getsockname(s, reinterpret_cast<sockaddr*>(&address), &length) == 0) {
       port = ntohs(address.sin_port);
     }
   }
-  closeSocket(s);
+  return s;
+}
+
+}  // namespace
+
+uint16_t FreeTcpPort() {
+  uint16_t port = 0;
+  CloseSocket(BindLoopback(port));
   return port;
+}
+
+LoopbackListener::LoopbackListener() {
+  const Handle s = BindLoopback(port_);
+  listen(s, 16);
+  socket_ = static_cast<intptr_t>(s);
+}
+
+LoopbackListener::~LoopbackListener() {
+  Close();
+}
+
+void LoopbackListener::Close() {
+  if (socket_ != -1) {
+    CloseSocket(static_cast<Handle>(socket_));
+    socket_ = -1;
+  }
 }
 
 void SetEnv(const char* name, const char* value) {

@@ -28,6 +28,25 @@ std::string ReadFile(const std::filesystem::path& file);
 /** @brief A TCP port no one listens on right now (the system's pick for port 0). */
 uint16_t FreeTcpPort();
 
+/**
+ * @brief A socket listening on a free loopback port that never accepts: connections complete
+ * in the system's backlog and wait. Closing it resets them.
+ */
+class LoopbackListener {
+ public:
+  LoopbackListener();
+  ~LoopbackListener();
+  LoopbackListener(const LoopbackListener&) = delete;
+  LoopbackListener& operator=(const LoopbackListener&) = delete;
+
+  uint16_t Port() const { return port_; }
+  void Close();
+
+ private:
+  intptr_t socket_ = -1;
+  uint16_t port_ = 0;
+};
+
 /** @brief Sets (or with null, removes) an environment variable of this process. */
 void SetEnv(const char* name, const char* value);
 

@@ -9,6 +9,7 @@
 #include <openssl/evp.h>
 #include <openssl/pem.h>
 #include <openssl/x509.h>
+#include <openssl/x509v3.h>
 
 namespace kro::test {
 
@@ -43,6 +44,86 @@ std::string SelfSignedPem() {
   X509_free(certificate);
   EVP_PKEY_free(key);
   return pem;
+}
+
+namespace {
+
+// The PEM form of `certificate` or `key` (whichever is not null).
+std::string ToPem(X509* certificate, EVP_PKEY* key) {
+  BIO* out = BIO_new(BIO_s_mem());
+  std::string pem;
+  const bool written = certificate != nullptr ? PEM_write_bio_X509(out, certificate) == 1
+                                              : PEM_write_bio_PrivateKey(out, key, nullptr, nullptr,
+                                                                         0, nullptr, nullptr) == 1;
+  char* data = nullptr;
+  const long size = written ? BIO_get_mem_data(out, &data) : 0;
+  if (size > 0) {
+    pem.assign(data, static_cast<size_t>(size));
+  }
+  BIO_free(out);
+  return pem;
+}
+
+bool AddExtension(X509* certificate, X509V3_CTX* context, int nid, const std::string& value) {
+  X509_EXTENSION* extension = X509V3_EXT_conf_nid(nullptr, context, nid, value.c_str());
+  const bool added = extension != nullptr && X509_add_ext(certificate, extension, -1) == 1;
+  X509_EXTENSION_free(extension);
+  return added;
+}
+
+}  // namespace
+
+TestCertificate IssueCertificate(const std::string& subject, const std::string& altNames,
+                                 const TestCertificate* issuer, bool ca) {
+  static std::atomic<long> serial{100};
+  TestCertificate result;
+  EVP_PKEY* key = EVP_PKEY_Q_keygen(nullptr, nullptr, "EC", "P-256");
+  X509* certificate = X509_new();
+  X509* issuerCertificate = nullptr;
+  EVP_PKEY* issuerKey = nullptr;
+  if (issuer != nullptr) {
+    BIO* in =
+        BIO_new_mem_buf(issuer->certificate.data(), static_cast<int>(issuer->certificate.size()));
+    issuerCertificate = PEM_read_bio_X509(in, nullptr, nullptr, nullptr);
+    BIO_free(in);
+    in = BIO_new_mem_buf(issuer->key.data(), static_cast<int>(issuer->key.size()));
+    issuerKey = PEM_read_bio_PrivateKey(in, nullptr, nullptr, nullptr);
+    BIO_free(in);
+  }
+  const bool issuerOk = issuer == nullptr || (issuerCertificate != nullptr && issuerKey != nullptr);
+  if (key != nullptr && certificate != nullptr && issuerOk) {
+    X509_set_version(certificate, 2);
+    ASN1_INTEGER_set(X509_get_serialNumber(certificate), serial.fetch_add(1));
+    X509_gmtime_adj(X509_getm_notBefore(certificate), -3600);
+    X509_gmtime_adj(X509_getm_notAfter(certificate), 24 * 3600);
+    X509_set_pubkey(certificate, key);
+    X509_NAME_add_entry_by_txt(X509_get_subject_name(certificate), "CN", MBSTRING_ASC,
+                               reinterpret_cast<const unsigned char*>(subject.c_str()), -1, -1, 0);
+    X509* signer = issuerCertificate != nullptr ? issuerCertificate : certificate;
+    X509_set_issuer_name(certificate, X509_get_subject_name(signer));
+    X509V3_CTX context;
+    X509V3_set_ctx(&context, signer, certificate, nullptr, nullptr, 0);
+    bool extended = AddExtension(certificate, &context, NID_basic_constraints,
+                                 ca ? "critical,CA:TRUE" : "CA:FALSE") &&
+                    AddExtension(certificate, &context, NID_subject_key_identifier, "hash");
+    if (ca) {
+      extended = extended &&
+                 AddExtension(certificate, &context, NID_key_usage, "critical,keyCertSign,cRLSign");
+    }
+    if (!altNames.empty()) {
+      extended = extended && AddExtension(certificate, &context, NID_subject_alt_name, altNames);
+    }
+    if (extended &&
+        X509_sign(certificate, issuerKey != nullptr ? issuerKey : key, EVP_sha256()) > 0) {
+      result.certificate = ToPem(certificate, nullptr);
+      result.key = ToPem(nullptr, key);
+    }
+  }
+  X509_free(issuerCertificate);
+  EVP_PKEY_free(issuerKey);
+  X509_free(certificate);
+  EVP_PKEY_free(key);
+  return result;
 }
 
 uint16_t UnusedPort() {

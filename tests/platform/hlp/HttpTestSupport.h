@@ -32,6 +32,21 @@ using namespace std::chrono_literals;
 
 /** @brief A self-signed certificate for "localhost" followed by its private key, as PEM. */
 std::string SelfSignedPem();
+/** @brief A certificate and its private key, as PEM. */
+struct TestCertificate {
+  std::string certificate;
+  std::string key;
+  /** @brief Both, as a server's certificate file wants them. */
+  std::string Pem() const { return certificate + key; }
+};
+
+/**
+ * @brief A certificate for the common name `subject` with the subjectAltName `altNames`
+ * ("DNS:localhost,IP:127.0.0.1", or "" for none), signed by `issuer` or self-signed when it is
+ * null; `ca` makes it a certificate authority. Empty PEM on failure.
+ */
+TestCertificate IssueCertificate(const std::string& subject, const std::string& altNames,
+                                 const TestCertificate* issuer = nullptr, bool ca = false);
 /** @brief A port on 127.0.0.1 that nothing listens on (bound once by the system, then released). */
 uint16_t UnusedPort();
 

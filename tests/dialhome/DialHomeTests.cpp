@@ -1,0 +1,509 @@
+#include "dialhome/EndNodeDialHome.h"
+
+#include <gtest/gtest.h>
+
+#include <charconv>
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "common/KroStatus.h"
+#include "common/WinHelper.h"
+#include "dialhome/DialHomeFrame.h"
+#include "dialhome/SystemInventory.h"
+#include "hlp/Json.h"
+#include "hlp/SSLContext.h"
+#include "nvthreads/nvthreads.h"
+#include "tests/platform/hlp/HttpTestSupport.h"
+#include "tests/support/TestSupport.h"
+
+namespace kro {
+namespace {
+
+using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
+
+const std::wstring kSetupKey = L"SOFTWARE\\Norvane Technologies\\Arbalo\\Setup";
+
+std::string Le32(uint32_t v) {
+  return {static_cast<char>(v & 0xFF), static_cast<char>((v >> 8) & 0xFF),
+          static_cast<char>((v >> 16) & 0xFF), static_cast<char>((v >> 24) & 0xFF)};
+}
+
+uint32_t ReadLe32(const std::string& bytes, size_t at) {
+  uint32_t v = 0;
+  for (size_t i = 4; i-- > 0;) {
+    v = (v << 8) | static_cast<unsigned char>(bytes[at + i]);
+  }
+  return v;
+}
+
+/** @brief A well-formed reply record around `json` (its zero included). */
+std::string Reply(const std::string& json) {
+  const uint32_t payload = static_cast<uint32_t>(json.size() + 1);
+  return Le32(25 + payload) + Le32(9) + Le32(0) + Le32(payload) + std::string("DialHome", 9) +
+         json + std::string(1, '\0');
+}
+
+/** @brief The request record's JSON after checking every header field; "" when malformed. */
+std::string UnframeRequest(const std::string& body) {
+  if (body.size() < 29 || ReadLe32(body, 0) != body.size() || ReadLe32(body, 4) != 0 ||
+      ReadLe32(body, 8) != 9 || ReadLe32(body, 12) != 0 || ReadLe32(body, 16) != body.size() - 29 ||
+      body.compare(20, 9, std::string("DialHome", 9)) || body.back() != '\0') {
+    ADD_FAILURE() << "malformed request record of " << body.size() << " bytes";
+    return {};
+  }
+  return body.substr(29, body.size() - 30);
+}
+
+/** @brief The management server: records each request and answers as it is told. */
+class StandIn {
+ public:
+  struct Seen {
+    std::string method, uri, userAgent, body;
+  };
+
+  explicit StandIn(hlp::SSLContext* tls = nullptr)
+      : server_(tls != nullptr ? "0s" : "0", tls, 5000,
+                [this](hlp::HttpServerConnection& c) { Serve(c); }) {}
+  ~StandIn() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    released_ = true;
+    release_.notify_all();
+  }
+
+  uint16_t Port() const { return server_.Port(); }
+  /** @brief Status 0: read requests but never answer them. */
+  void Answer(unsigned status, std::string body) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    status_ = status;
+    body_ = std::move(body);
+  }
+  /** @brief Runs while a request is being answered. */
+  void During(std::function<void()> hook) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    during_ = std::move(hook);
+  }
+  std::vector<Seen> Requests() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return seen_;
+  }
+
+ private:
+  void Serve(hlp::HttpServerConnection& connection) {
+    hlp::RequestInfo request;
+    if (connection.ReadRequest(request) != 0) {
+      return;
+    }
+    const std::string length = request.Header("Content-Length");
+    size_t size = 0;
+    std::from_chars(length.data(), length.data() + length.size(), size);
+    std::string body(size, '\0');
+    if (size > 0 && connection.Read(body.data(), size) != 0) {
+      return;
+    }
+    std::function<void()> during;
+    std::unique_lock<std::mutex> lock(mutex_);
+    seen_.push_back({request.method, request.uri, request.Header("User-Agent"), body});
+    if (status_ == 0) {
+      release_.wait_for(lock, 10s, [this] { return released_; });
+      return;
+    }
+    const std::string answer = "HTTP/1.1 " + std::to_string(status_) +
+                               " X\r\nContent-Type: application/octet-stream\r\nContent-Length: " +
+                               std::to_string(body_.size()) + "\r\nConnection: close\r\n\r\n" +
+                               body_;
+    during = during_;
+    lock.unlock();
+    if (during) {
+      during();
+    }
+    connection.Write(answer.data(), answer.size());
+  }
+
+  std::mutex mutex_;
+  std::condition_variable release_;
+  bool released_ = false;
+  unsigned status_ = 200;
+  std::string body_ = Reply(R"({"result":"success"})");
+  std::function<void()> during_;
+  std::vector<Seen> seen_;
+  test::LiveServer server_;  // last: stops before the state its workers use goes away
+};
+
+// ---- Frames ----------------------------------------------------------------------------------
+
+TEST(DialHomeFrameTests, RequestRecordLayoutIsExact) {
+  std::string record;
+  ASSERT_EQ(BuildRequestRecord("{}", record), status::Ok);
+  const std::string expected =
+      Le32(32) + Le32(0) + Le32(9) + Le32(0) + Le32(3) + std::string("DialHome\0{}\0", 12);
+  EXPECT_EQ(record, expected);
+  ASSERT_EQ(BuildRequestRecord("", record), status::Ok);
+  EXPECT_EQ(record, Le32(29) + Le32(0) + Le32(9) + Le32(0) + Le32(0) + std::string("DialHome", 9));
+}
+
+TEST(DialHomeFrameTests, AppendRecordRefusesWhatDoesNotFit) {
+  MessageBuffer none;
+  EXPECT_EQ(AppendRecord(none, "abc"), status::NotAvailable);
+  MessageBuffer buffer;
+  buffer.bytes.assign(8, '\0');
+  EXPECT_EQ(AppendRecord(buffer, ""), status::EmptyRecord);
+  EXPECT_EQ(AppendRecord(buffer, "12345"), status::Ok);
+  EXPECT_EQ(AppendRecord(buffer, "6789"), status::BufferTooSmall);
+  EXPECT_EQ(AppendRecord(buffer, "678"), status::Ok);
+  EXPECT_EQ(buffer.used, 8u);
+  EXPECT_EQ(buffer.count, 2u);
+  EXPECT_EQ(std::string(buffer.bytes.data(), 8), "12345678");
+}
+
+TEST(DialHomeFrameTests, ReplyRecordRules) {
+  const std::string json = R"({"result":"success"})";
+  const std::string good = Reply(json);
+  const std::string tail = std::string("DialHome", 9) + json + std::string(1, '\0');
+  const uint32_t payload = static_cast<uint32_t>(json.size() + 1);
+  std::string unterminated =
+      Le32(25 + 4) + Le32(9) + Le32(0) + Le32(4) + "DIALHOME" + std::string(1, '\0') + "{}}}";
+  struct Case {
+    const char* name;
+    std::string bytes;
+    long expected;
+    std::string json;
+  };
+  const Case cases[] = {
+      {"well formed", good, status::Ok, json},
+      {"name in another case",
+       Le32(25 + payload) + Le32(9) + Le32(0) + Le32(payload) + std::string("dIALhOME", 9) + json +
+           std::string(1, '\0'),
+       status::Ok, json},
+      {"payload stops at its first zero",
+       good.substr(0, 25) + "{}" + std::string(1, '\0') + good.substr(28), status::Ok, "{}"},
+      {"missing zero stays inside the payload", unterminated + "garbage", status::Ok, "{}}}"},
+      {"total above bytes received", Le32(26 + payload) + good.substr(4), status::MalformedData,
+       ""},
+      {"name size not 9", Le32(25 + payload) + Le32(8) + Le32(0) + Le32(payload) + tail,
+       status::MalformedData, ""},
+      {"third field not 0", Le32(25 + payload) + Le32(9) + Le32(1) + Le32(payload) + tail,
+       status::MalformedData, ""},
+      {"negative payload size", Le32(25 + payload) + Le32(9) + Le32(0) + Le32(0x80000000u) + tail,
+       status::MalformedData, ""},
+      {"payload beyond the record",
+       Le32(25 + payload) + Le32(9) + Le32(0) + Le32(payload + 1) + tail + "x",
+       status::MalformedData, ""},
+      {"total below header, name and payload", Le32(24 + payload) + good.substr(4),
+       status::MalformedData, ""},
+      {"wrong name",
+       Le32(25 + payload) + Le32(9) + Le32(0) + Le32(payload) + std::string("DialHoma", 9) + json +
+           std::string(1, '\0'),
+       status::MalformedData, ""},
+      {"shorter than the header", good.substr(0, 15), status::MalformedData, ""},
+      {"huge payload size", Le32(25 + payload) + Le32(9) + Le32(0) + Le32(0x7FFFFFFFu) + tail,
+       status::MalformedData, ""},
+  };
+  for (const Case& row : cases) {
+    SCOPED_TRACE(row.name);
+    // A copy of exactly the received size, so that reading past it is caught by the sanitizer.
+    const std::vector<char> received(row.bytes.begin(), row.bytes.end());
+    std::string out;
+    EXPECT_EQ(ParseReplyRecord(received.data(), received.size(), out), row.expected);
+    if (row.expected == status::Ok) {
+      EXPECT_EQ(out, row.json);
+    }
+  }
+}
+
+TEST(DialHomeFrameTests, OnlyExactSuccessIsAccepted) {
+  struct Case {
+    const char* text;
+    long expected;
+    bool accepted;
+  };
+  const Case results[] = {
+      {"", status::MalformedData, false},
+      {"garbage", status::MalformedData, false},
+      {"[]", status::MalformedData, false},
+      {R"({"other":1})", status::MalformedData, false},
+      {R"({"result":1})", status::MalformedData, false},
+      {R"({"result":"failed"})", status::Ok, false},
+      {R"({"result":"Success"})", status::Ok, false},
+      {R"({"result":"success"})", status::Ok, true},
+  };
+  for (const Case& row : results) {
+    SCOPED_TRACE(row.text);
+    bool accepted = !row.accepted;
+    EXPECT_EQ(ParseReplyResult(row.text, accepted), row.expected);
+    EXPECT_EQ(accepted, row.accepted);
+  }
+}
+
+TEST(DialHomeFrameTests, RetryLadderStopsAtInterval) {
+  struct Case {
+    const char* name;
+    DialHomeSchedule schedule;
+    std::vector<uint32_t> ladder;  // delays after successive failures, from none pending
+  };
+  const Case cases[] = {
+      {"defaults", {}, {15, 60, 240, 0, 15}},
+      {"interval 60", {60, 15, 60, 240}, {15, 0, 15}},
+      {"interval 10", {10, 15, 60, 240}, {0, 0}},
+  };
+  for (const Case& row : cases) {
+    SCOPED_TRACE(row.name);
+    uint32_t delay = 0;
+    for (const uint32_t expected : row.ladder) {
+      delay = NextRetryDelay(delay, row.schedule);
+      EXPECT_EQ(delay, expected);
+    }
+  }
+}
+
+// ---- The client against a stand-in server ------------------------------------------------------
+
+class DialHomeTests : public testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_EQ(nvthreads_init(), NVTHREADS_OK);
+    WriteRegistryString(install_.Path().wstring(), kSetupKey, L"InstallDir");
+    WriteRegistryString(L"7.0.222.0", kSetupKey, L"ProductVersion");
+    dialHome_.SetHostDirectory(install_.Path());
+    ASSERT_EQ(dialHome_.Create(), status::Ok);
+    dialHome_.SetConnectionWaits({300, 100, 2000, 2000});
+    dialHome_.SetAlertDelivered([this](const std::string& id) { delivered_.push_back(id); });
+  }
+  void TearDown() override {
+    nvthreads_pool_cleanup(DialHome::kPool);
+    nvthreads_cleanup();
+  }
+
+  void Enrol(uint16_t port, const char* ssl = "N", const char* host = "127.0.0.1") {
+    install_.Write("DialHomeInfo.txt", std::string("HomeName:") + host + ",HomePort:" +
+                                           std::to_string(port) + ",HomeSSL:" + ssl + "\n");
+  }
+  static std::wstring RegisteredName() {
+    std::wstring name;
+    RegistryReadSz(kDialHomeKey, L"SystemName", 4096, name);
+    return name;
+  }
+  /** @brief Whether a work item of that name was pending (it is cancelled by asking). */
+  static bool Pending(const char* item) {
+    return nvthreads_workitem_cancel(DialHome::kPool, DialHome::kThread, item) == NVTHREADS_OK;
+  }
+
+  test::ScopedRegistry registry_;
+  test::TempDir install_;
+  StandIn standIn_;
+  std::vector<std::string> delivered_;  // written on the reporting thread: the test's here
+  DialHome dialHome_;
+};
+
+TEST_F(DialHomeTests, ReportCarriesInventoryAndAlertsAndWritesBackTheName) {
+  Enrol(standIn_.Port());
+  const std::string alerts[] = {R"({"id":"a1","text":"disk"})", "", R"({"id":7})", R"({"x":1})"};
+  for (const std::string& alert : alerts) {
+    ASSERT_EQ(dialHome_.AddAlert(alert), status::Ok);
+  }
+  const uint64_t before = CurrentFileTime();
+  ASSERT_EQ(dialHome_.Run(request), status::Ok);
+
+  const auto seen = standIn_.Requests();
+  ASSERT_EQ(seen.size(), 1u);
+  EXPECT_EQ(seen[0].method, "POST");
+  EXPECT_EQ(seen[0].uri, "/KRO/Server/DialHome");
+  EXPECT_EQ(seen[0].userAgent, "KroAgent/1.2");
+  hlp::JsonParser parser;
+  const auto root = parser.Parse(UnframeRequest(seen[0].body));
+  ASSERT_NE(root, nullptr) << parser.ErrorText();
+  const hlp::JsonValue* general = root->FindMember("General");
+  ASSERT_NE(general, nullptr);
+  ASSERT_NE(general->FindMember("Time"), nullptr);
+  EXPECT_EQ(general->FindMember("Type")->GetInt64(), 3);
+  EXPECT_EQ(general->FindMember("Code")->GetInt64(), 0);
+  const uint64_t time = std::stoull(general->FindMember("Time")->GetString());
+  EXPECT_GE(time, before);
+  EXPECT_LE(time, CurrentFileTime());
+  ASSERT_NE(root->FindMember("System"), nullptr);
+  ASSERT_NE(root->FindMember("Agent"), nullptr);
+  ASSERT_NE(root->FindMember("Alerts"), nullptr);
+  const hlp::JsonValue* data = root->FindMember("Alerts")->FindMember("Data");
+  ASSERT_NE(data, nullptr);
+  ASSERT_EQ(data->Size(), 3u);  // the empty text is left out
+  EXPECT_EQ(data->At(0)->GetString(), alerts[0]);
+  EXPECT_EQ(data->At(2)->GetString(), alerts[3]);
+
+  EXPECT_EQ(dialHome_.AlertQueueSize(), 0u);
+  EXPECT_EQ(delivered_, (std::vector<std::string>{"a1", "7"}));
+  std::string sentName;
+  ASSERT_EQ(WideToUtf8(RegisteredName(), sentName), status::Ok);
+  EXPECT_EQ(sentName, root->FindMember("System")->FindMember("SystemName")->GetString());
+}
+
+TEST_F(DialHomeTests, NotEnrolledSendsNothingAndSchedulesNoRetry) {
+  for (const char* content : {"", "HomePort:1234,HomeSSL:N\n", "HomeName:,HomePort:1\n"}) {
+    SCOPED_TRACE(content);
+    install_.Write("DialHomeInfo.txt", content);
+    dialHome_.AddAlert(R"({"id":"kept"})");
+    EXPECT_EQ(DialHome::StartupEntry(&dialHome_), status::Ok);
+    EXPECT_EQ(dialHome_.RetryDelay(), 0u);
+    EXPECT_FALSE(Pending(DialHome::kRetryItem));
+  }
+  EXPECT_TRUE(standIn_.Requests().empty());
+  EXPECT_EQ(dialHome_.AlertQueueSize(), 3u);
+  EXPECT_TRUE(delivered_.empty());
+}
+
+TEST_F(DialHomeTests, FailuresClimbTheRetryLadderAndSuccessResetsIt) {
+  Enrol(test::UnusedPort());
+  dialHome_.AddAlert(R"({"id":"a1"})");
+  for (const uint32_t expected : {15u, 60u, 240u, 0u}) {
+    SCOPED_TRACE(expected);
+    EXPECT_EQ(DialHome::RetryEntry(&dialHome_), status::ConnectExhausted);
+    EXPECT_EQ(dialHome_.RetryDelay(), expected);
+    // Cancelling proves the retry was scheduled; the next failure must not need it.
+    EXPECT_EQ(Pending(DialHome::kRetryItem), expected != 0);
+  }
+  EXPECT_EQ(dialHome_.AlertQueueSize(), 1u);
+  EXPECT_EQ(DialHome::PeriodicEntry(&dialHome_), status::ConnectExhausted);
+  EXPECT_EQ(dialHome_.RetryDelay(), 15u);
+  Enrol(standIn_.Port());
+  EXPECT_EQ(DialHome::RequestEntry(&dialHome_), status::Ok);
+  EXPECT_EQ(dialHome_.RetryDelay(), 0u);
+  EXPECT_FALSE(Pending(DialHome::kRetryItem));
+  EXPECT_EQ(dialHome_.AlertQueueSize(), 0u);
+}
+
+TEST_F(DialHomeTests, ServerVerdicts) {
+  struct Case {
+    const char* name;
+    unsigned status;
+    std::string body;
+    long expected;
+    bool alertsDropped;
+    bool nameWritten;
+  };
+  const Case cases[] = {
+      {"failed result: done, nothing written", 200, Reply(R"({"result":"failed"})"), status::Ok,
+       true, false},
+      {"status 500", 500, Reply(R"({"result":"success"})"), status::MalformedData, false, false},
+      {"garbage reply", 200, Reply("not json"), status::MalformedData, false, false},
+      {"malformed record", 200, "short", status::MalformedData, false, false},
+      {"success", 200, Reply(R"({"result":"success"})"), status::Ok, true, true},
+  };
+  Enrol(standIn_.Port());
+  for (const Case& row : cases) {
+    SCOPED_TRACE(row.name);
+    test::ScopedRegistry registry;
+    WriteRegistryString(install_.Path().wstring(), kSetupKey, L"InstallDir");
+    WriteRegistryString(L"7.0.222.0", kSetupKey, L"ProductVersion");
+    delivered_.clear();
+    dialHome_.AddAlert(R"({"id":"a1"})");
+    standIn_.Answer(row.status, row.body);
+    EXPECT_EQ(DialHome::RequestEntry(&dialHome_), row.expected);
+    EXPECT_EQ(dialHome_.RetryDelay(), row.expected == status::Ok ? 0u : 15u);
+    EXPECT_EQ(Pending(DialHome::kRetryItem), row.expected != status::Ok);
+    EXPECT_EQ(dialHome_.AlertQueueSize() == 0, row.alertsDropped);
+    EXPECT_EQ(delivered_.size(), row.alertsDropped ? 1u : 0u);
+    EXPECT_EQ(!RegisteredName().empty(), row.nameWritten);
+    // Leaves the queue and the ladder clean for the next row.
+    standIn_.Answer(200, Reply(R"({"result":"success"})"));
+    EXPECT_EQ(DialHome::RequestEntry(&dialHome_), status::Ok);
+  }
+}
+
+TEST_F(DialHomeTests, AlertQueuedDuringReportStays) {
+  Enrol(standIn_.Port());
+  dialHome_.AddAlert(R"({"id":"early"})");
+  standIn_.During([this] { dialHome_.AddAlert(R"({"id":"late"})"); });
+  ASSERT_EQ(dialHome_.Run(periodic), status::Ok);
+  EXPECT_EQ(dialHome_.AlertQueueSize(), 1u);
+  EXPECT_EQ(delivered_, std::vector<std::string>{"early"});
+  standIn_.During(nullptr);
+  ASSERT_EQ(dialHome_.Run(periodic), status::Ok);
+  EXPECT_EQ(dialHome_.AlertQueueSize(), 0u);
+  EXPECT_EQ(delivered_, (std::vector<std::string>{"early", "late"}));
+}
+
+TEST_F(DialHomeTests, MissingAgentVersionAbandonsTheReport) {
+  Enrol(standIn_.Port());
+  WriteRegistryString(L"", kSetupKey, L"ProductVersion");
+  EXPECT_NE(dialHome_.Run(startup), status::Ok);
+  EXPECT_TRUE(standIn_.Requests().empty());
+}
+
+TEST_F(DialHomeTests, SilentOrAbsentServerFailsWithinTheBudget) {
+  standIn_.Answer(0, "");
+  for (const uint16_t port : {standIn_.Port(), test::UnusedPort()}) {
+    SCOPED_TRACE(port);
+    Enrol(port);
+    const Clock::time_point start = Clock::now();
+    EXPECT_NE(dialHome_.Run(startup), status::Ok);
+    // Budget 300 ms, an attempt 2 s at most, the request 2 s: 4.3 s at the very worst.
+    EXPECT_LT(Clock::now() - start, 6s);
+  }
+  EXPECT_EQ(standIn_.Requests().size(), 1u);
+}
+
+TEST_F(DialHomeTests, OnlyUppercaseYMeansTls) {
+  const test::TestCertificate server =
+      test::IssueCertificate("localhost", "DNS:localhost,IP:127.0.0.1");
+  ASSERT_FALSE(server.key.empty());
+  const std::string pemFile = install_.Write("server.pem", server.Pem()).string();
+  hlp::SSLContext tls;
+  ASSERT_EQ(tls.UseCertificate(pemFile), status::Ok);
+  StandIn secure(&tls);
+  struct Case {
+    const char* ssl;
+    uint16_t port;
+    bool trusted;
+    long expected;
+  };
+  const Case cases[] = {
+      {"y", standIn_.Port(), false, status::Ok},
+      {"Y", standIn_.Port(), true, status::ConnectExhausted},
+      {"Y", secure.Port(), false, status::ConnectExhausted},
+      {"Y", secure.Port(), true, status::Ok},
+  };
+  for (const Case& row : cases) {
+    SCOPED_TRACE(std::string(row.ssl) + " port " + std::to_string(row.port) +
+                 (row.trusted ? " trusted" : ""));
+    std::filesystem::remove(install_.Path() / DialHome::kTrustFileName);
+    if (row.trusted) {
+      install_.Write(DialHome::kTrustFileName, server.certificate);
+    }
+    Enrol(row.port, row.ssl);
+    EXPECT_EQ(dialHome_.Run(startup), row.expected);
+  }
+}
+
+TEST_F(DialHomeTests, StartSchedulesAndStopCancels) {
+  DialHomeInfo settings;
+  ASSERT_EQ(dialHome_.Start(settings), status::Ok);
+  EXPECT_TRUE(Pending(DialHome::kStartupItem));
+  EXPECT_TRUE(Pending(DialHome::kPeriodicItem));
+  ASSERT_EQ(dialHome_.Start(settings), status::Ok);
+  ASSERT_EQ(dialHome_.RequestDialHome(), status::Ok);
+  dialHome_.Stop();
+  for (const char* item : {DialHome::kRetryItem, DialHome::kRequestItem, DialHome::kPeriodicItem,
+                           DialHome::kStartupItem}) {
+    SCOPED_TRACE(item);
+    EXPECT_FALSE(Pending(item));
+  }
+  EXPECT_TRUE(standIn_.Requests().empty());
+}
+
+TEST_F(DialHomeTests, TestConnectionReachesOnlyALiveServer) {
+  DialHomeInfo settings;
+  settings.homeName = "127.0.0.1";
+  settings.homePort = standIn_.Port();
+  EXPECT_EQ(dialHome_.TestConnection(settings), status::Ok);
+  settings.homePort = test::UnusedPort();
+  EXPECT_NE(dialHome_.TestConnection(settings), status::Ok);
+  settings.homeName.clear();
+  EXPECT_NE(dialHome_.TestConnection(settings), status::Ok);
+  EXPECT_TRUE(standIn_.Requests().empty());
+}
+
+}  // namespace
+}  // namespace kro
