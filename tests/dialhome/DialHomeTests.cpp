@@ -477,6 +477,24 @@ TEST_F(DialHomeTests, OnlyUppercaseYMeansTls) {
   }
 }
 
+TEST_F(DialHomeTests, ShutDownDoesNotWaitOutAReportInFlight) {
+  standIn_.Answer(0, "");  // silent: the report waits for its answer
+  Enrol(standIn_.Port());
+  dialHome_.SetConnectionWaits({300, 100, 2000, 60000});
+  ASSERT_EQ(dialHome_.RequestDialHome(), status::Ok);
+  const Clock::time_point sent = Clock::now() + 10s;
+  while (standIn_.Requests().empty() && Clock::now() < sent) {
+    std::this_thread::sleep_for(10ms);
+  }
+  ASSERT_EQ(standIn_.Requests().size(), 1u);
+
+  // The pool's budget is far shorter than the request's time-out; the wait is abandoned.
+  nvthreads_pool_set_shutdownmsecs(DialHome::kPool, 5000);
+  const Clock::time_point start = Clock::now();
+  EXPECT_EQ(nvthreads_pool_shutdown(DialHome::kPool), NVTHREADS_OK);
+  EXPECT_LT(Clock::now() - start, 2s);
+}
+
 TEST_F(DialHomeTests, StartSchedulesAndStopCancels) {
   DialHomeInfo settings;
   ASSERT_EQ(dialHome_.Start(settings), status::Ok);
