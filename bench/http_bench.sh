@@ -36,7 +36,7 @@ agent_port=$(free_port) ui_port=$(free_port) nginx_port=$(free_port)
 # The agent, installed as the demo installs it.
 mkdir -p "$work/bin" "$work/install/Kesta/Policy" "$work/install/User Interface" "$work/nginx/arbalo"
 cp -a "$root/build/release/bin/." "$work/bin/"
-head -c 4096 /dev/urandom | base64 -w 0 | head -c 4096 >"$work/install/User Interface/bench.txt"
+head -c 3072 /dev/urandom | base64 -w 0 >"$work/install/User Interface/bench.txt"  # 4096 bytes
 cp "$work/install/User Interface/bench.txt" "$work/nginx/arbalo/bench.txt"
 echo "AgentPort:$agent_port,AgentSSL:N" >"$work/install/DialHomeInfo.txt"
 echo '{"LoggingLevel":4}' >"$work/install/Kesta/Policy/AgentConfig.cfg"

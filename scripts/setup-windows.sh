@@ -96,7 +96,10 @@ install_packages() {
       as_root update-alternatives --set "$TRIPLE-$p" "/usr/bin/$TRIPLE-$p-posix" >/dev/null
     fi
   done
-  "$TRIPLE-g++" -v 2>&1 | grep -q 'Thread model: posix' || die "$TRIPLE-g++ is not the posix flavour"
+  # Captured first: "g++ -v | grep -q" under pipefail fails at random when grep exits early
+  # and g++ dies of SIGPIPE writing its next line.
+  local info; info=$("$TRIPLE-g++" -v 2>&1)
+  [[ $info == *"Thread model: posix"* ]] || die "$TRIPLE-g++ is not the posix flavour"
 }
 
 # Source packages come through a private apt configuration that mirrors the machine's own
