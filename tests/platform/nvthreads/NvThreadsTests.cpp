@@ -73,14 +73,24 @@ class Log {
 };
 
 /** @brief A door routines can wait at until the test opens it. */
+// A condition variable, not std::atomic::wait: without futexes (mingw) libstdc++'s atomic
+// wait can miss a notification.
 struct Gate {
   void Open() {
-    open.store(true);
-    open.notify_all();
+    {
+      std::lock_guard<std::mutex> guard(mutex);
+      open = true;
+    }
+    opened.notify_all();
   }
-  void Wait() { open.wait(false); }
+  void Wait() {
+    std::unique_lock<std::mutex> lock(mutex);
+    opened.wait(lock, [this] { return open; });
+  }
 
-  std::atomic<bool> open{false};
+  std::mutex mutex;
+  std::condition_variable opened;
+  bool open = false;
 };
 
 /** @brief Context of the probe routines: logs "<tag>.init/.run/.cleanup" and runs hooks. */
