@@ -1,0 +1,504 @@
+#include "alerts/AlertsManager.h"
+
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <mutex>
+#include <new>
+#include <random>
+#include <sstream>
+#include <vector>
+
+#include "alerts/AlertStore.h"
+#include "common/KroStatus.h"
+#include "hlp/Json.h"
+#include "logging_support/logging_support.h"
+
+namespace KroAlerts {
+
+namespace fs = std::filesystem;
+namespace status = kro::status;
+
+/**
+ * @brief The manager's state, shared with the routine it registers.
+ *
+ * The routine stays in the agent's map after `cleanup`; it holds only a weak reference, so a
+ * request arriving late finds the state gone and answers NotAvailable instead of touching
+ * freed memory.
+ */
+class AlertsCore {
+ public:
+  AlertsAgentInterface* callbacks = nullptr;
+  fs::path folder;
+  // Guards everything below. Never held while calling into the agent: its callbacks take the
+  // dial-home queue's lock and may call back into the manager.
+  std::mutex lock;
+  AlertStore store;
+  std::function<int64_t()> clock;
+  std::mt19937_64 random;
+};
+
+namespace {
+
+constexpr int64_t kSecondsPerDay = 86400;
+// Beyond this a purge limit means "keep everything"; it also keeps days * 86400 in range.
+constexpr int64_t kMaxPurgeDays = int64_t{1} << 32;
+constexpr size_t kFolderBufferSize = 4096;
+
+int64_t SystemNow() {
+  return std::chrono::duration_cast<std::chrono::seconds>(
+             std::chrono::system_clock::now().time_since_epoch())
+      .count();
+}
+
+/** @brief Runs `body`, turning any exception into a status: none may reach the agent. */
+template <typename Body>
+long Guarded(Body&& body) noexcept {
+  try {
+    return body();
+  } catch (const std::bad_alloc&) {
+    return status::OutOfMemory;
+  } catch (...) {
+    return status::Failure;
+  }
+}
+
+fs::path FromUtf8(const char* text) {
+  return fs::path(std::u8string(reinterpret_cast<const char8_t*>(text)));
+}
+
+void WriteAlert(hlp::JsonWriter& writer, const AlertRecord& record, bool withSent) {
+  writer.Object();
+  writer.Name("id");
+  writer.String(record.id);
+  writer.Name("type");
+  writer.String(record.type);
+  writer.Name("code");
+  writer.Uint(record.code);
+  writer.Name("schema");
+  writer.Int(record.schema);
+  writer.Name("severity");
+  writer.Int(record.severity);
+  writer.Name("parameters");
+  writer.Array();
+  for (const std::string& parameter : record.parameters) {
+    writer.String(parameter);
+  }
+  writer.EndArray();
+  writer.Name("raised");
+  writer.Int64(record.raised);
+  writer.Name("updated");
+  writer.Int64(record.updated);
+  if (withSent) {
+    writer.Name("sent");
+    writer.Bool(record.sent);
+  }
+  writer.EndObject();
+}
+
+std::string AlertJson(const AlertRecord& record, bool withSent) {
+  std::ostringstream out;
+  hlp::JsonWriter writer(out);
+  WriteAlert(writer, record, withSent);
+  return out.str();
+}
+
+std::string AlertArrayJson(const std::vector<AlertRecord>& records) {
+  std::ostringstream out;
+  hlp::JsonWriter writer(out);
+  writer.Array();
+  for (const AlertRecord& record : records) {
+    WriteAlert(writer, record, true);
+  }
+  writer.EndArray();
+  return out.str();
+}
+
+/**
+ * @brief Reads a code as the agent prints it: "%d" makes codes above 2^31 negative, so both
+ * signed and unsigned decimal name the same 32-bit code.
+ */
+bool ParseCode(const char* text, uint32_t& code) {
+  char* end = nullptr;
+  const long long value = std::strtoll(text, &end, 10);
+  if (end == text || *end != '\0' || value < INT32_MIN || value > UINT32_MAX) {
+    return false;
+  }
+  code = static_cast<uint32_t>(value);
+  return true;
+}
+
+std::string NewId(AlertsCore& core) {
+  // 128 random bits in hex: unique across restarts and across a database that was replaced,
+  // where a sequence would start again and confuse the management server.
+  static constexpr char kHex[] = "0123456789abcdef";
+  std::string id;
+  for (int half = 0; half < 2; ++half) {
+    uint64_t bits = core.random();
+    for (int i = 0; i < 16; ++i, bits >>= 4) {
+      id.push_back(kHex[bits & 0xF]);
+    }
+  }
+  return id;
+}
+
+void Seed(std::mt19937_64& random) {
+  std::seed_seq seed{
+      static_cast<uint64_t>(SystemNow()),
+      static_cast<uint64_t>(std::chrono::steady_clock::now().time_since_epoch().count()),
+      static_cast<uint64_t>(reinterpret_cast<uintptr_t>(&random))};
+  random.seed(seed);
+  try {
+    // Old MinGW runtimes give a fixed sequence here, hence the clock and address mixed in.
+    std::random_device device;
+    random.discard(device() & 0xFF);
+    random.seed(random() ^ ((static_cast<uint64_t>(device()) << 32) | device()));
+  } catch (...) {
+    // No entropy source: the clock and address seeding stands.
+  }
+}
+
+void Send(const AlertsCore& core, const std::vector<std::string>& payloads) {
+  if (core.callbacks == nullptr) {
+    return;
+  }
+  for (const std::string& payload : payloads) {
+    core.callbacks->SendAlertData(payload.c_str());
+  }
+}
+
+/** @brief The "/Arbalo/Requests/getAlerts.json" routine: every alert, newest first. */
+struct GetAlertsRoutine {
+  std::weak_ptr<AlertsCore> core;
+
+  long operator()(const char* /*request*/, size_t /*requestLen*/, const char** response,
+                  size_t* responseLen) const noexcept {
+    return Guarded([&]() -> long {
+      if (response == nullptr || responseLen == nullptr) {
+        return status::NotAvailable;
+      }
+      *response = nullptr;
+      *responseLen = 0;
+      const std::shared_ptr<AlertsCore> state = core.lock();
+      if (state == nullptr) {
+        return status::NotAvailable;
+      }
+      std::vector<AlertRecord> records;
+      {
+        std::lock_guard<std::mutex> guard(state->lock);
+        AlertQuery query;
+        query.newestFirst = true;
+        if (const long result = state->store.Select(query, records); result < 0) {
+          return result;
+        }
+      }
+      const std::string text = "{\"alerts\":" + AlertArrayJson(records) + "}";
+      char* buffer = new (std::nothrow) char[text.size() + 1];
+      if (buffer == nullptr) {
+        return status::OutOfMemory;
+      }
+      std::memcpy(buffer, text.c_str(), text.size() + 1);
+      *response = buffer;
+      *responseLen = text.size();
+      return status::Ok;
+    });
+  }
+};
+
+}  // namespace
+
+AlertsManager::AlertsManager() : core_(std::make_shared<AlertsCore>()) {
+  core_->clock = SystemNow;
+  Seed(core_->random);
+}
+
+AlertsManager::~AlertsManager() = default;
+
+AlertsManager* AlertsManager::initialize(
+    AlertsAgentInterface* callbacks, const char** folders,
+    std::map<std::string, std::function<RoutineFn>, hlp::case_insensitive_less>& routines) {
+  AlertsManager* manager = nullptr;
+  const long result = Guarded([&]() -> long {
+    manager = new (std::nothrow) AlertsManager();
+    if (manager == nullptr) {
+      return status::OutOfMemory;
+    }
+    const std::shared_ptr<AlertsCore>& core = manager->core_;
+    core->callbacks = callbacks;
+    if (folders != nullptr && folders[0] != nullptr && folders[0][0] != '\0') {
+      core->folder = FromUtf8(folders[0]);
+    } else if (callbacks != nullptr) {
+      char buffer[kFolderBufferSize] = {};
+      if (callbacks->GetAgentFolder(buffer, sizeof(buffer)) == 0) {
+        buffer[sizeof(buffer) - 1] = '\0';
+        core->folder = FromUtf8(buffer);
+      }
+    }
+    core->store.Open(core->folder);
+
+    // A routine left by an earlier manager of this process is dead; the new one takes over.
+    // Anyone else's routine of that name stays.
+    const auto existing = routines.find(std::string_view(kGetAlertsRoutine));
+    if (existing == routines.end()) {
+      routines.emplace(kGetAlertsRoutine, GetAlertsRoutine{core});
+    } else if (const auto* ours = existing->second.target<GetAlertsRoutine>();
+               ours != nullptr && ours->core.expired()) {
+      existing->second = GetAlertsRoutine{core};
+    }
+    return status::Ok;
+  });
+  if (result != status::Ok) {
+    KRO_LOG_ERROR << "Alerts manager could not be created, status " << result;
+    delete manager;
+    return nullptr;
+  }
+  return manager;
+}
+
+void AlertsManager::cleanup(AlertsManager* manager) {
+  if (manager == nullptr) {
+    return;
+  }
+  Guarded([&]() -> long {
+    {
+      // Closed here, not when the last reference goes: a routine call in flight may still hold
+      // the state, and the file must be released when the agent lets go of the manager.
+      std::lock_guard<std::mutex> guard(manager->core_->lock);
+      manager->core_->store.Close();
+    }
+    delete manager;
+    return status::Ok;
+  });
+}
+
+long AlertsManager::markAlertAsSent(const std::string& id) {
+  return Guarded([&]() -> long {
+    std::lock_guard<std::mutex> guard(core_->lock);
+    return core_->store.MarkSent(id);
+  });
+}
+
+void AlertsManager::setClock(std::function<int64_t()> nowSeconds) {
+  Guarded([&]() -> long {
+    std::lock_guard<std::mutex> guard(core_->lock);
+    core_->clock = nowSeconds ? std::move(nowSeconds) : std::function<int64_t()>(SystemNow);
+    return status::Ok;
+  });
+}
+
+long AlertsManager::start(int flags) {
+  return Guarded([&]() -> long {
+    {
+      std::lock_guard<std::mutex> guard(core_->lock);
+      if (!core_->store.IsOpen()) {
+        core_->store.Open(core_->folder);
+      }
+      if (!core_->store.IsOpen()) {
+        return status::NotAvailable;
+      }
+    }
+    if ((flags & kStartSendUnsent) != 0) {
+      const long handed = retrieveAlerts(nullptr, 0, 0, 0);
+      return handed < 0 ? handed : status::Ok;
+    }
+    return status::Ok;
+  });
+}
+
+long AlertsManager::addAlert(const Alert& alert) {
+  return Guarded([&]() -> long {
+    if (alert.getName().empty()) {
+      return status::NotAvailable;
+    }
+    AlertRecord record;
+    record.type = alert.getName();
+    record.code = alert.getCode();
+    record.severity = alert.getSeverity();
+    record.parameters = alert.getParameters();
+    long result = status::Ok;
+    {
+      std::lock_guard<std::mutex> guard(core_->lock);
+      record.id = NewId(*core_);
+      record.raised = record.updated = core_->clock();
+      if (alert.isPersistent()) {
+        result = core_->store.Insert(record);
+      }
+    }
+    // Even an alert that could not be stored is worth delivering once.
+    Send(*core_, {AlertJson(record, false)});
+    return result;
+  });
+}
+
+long AlertsManager::updateAlert(const Alert& alert, DataSchema schema) {
+  return Guarded([&]() -> long {
+    std::vector<AlertRecord> changed;
+    {
+      std::lock_guard<std::mutex> guard(core_->lock);
+      const long result =
+          core_->store.SetSchema(alert.getName(), alert.getCode(), schema, core_->clock(), changed);
+      if (result < 0) {
+        return result;
+      }
+    }
+    if (changed.empty()) {
+      return status::NotFound;
+    }
+    std::vector<std::string> payloads;
+    for (const AlertRecord& record : changed) {
+      payloads.push_back(AlertJson(record, false));
+    }
+    Send(*core_, payloads);
+    return static_cast<long>(changed.size());
+  });
+}
+
+long AlertsManager::getAlertCount(int unsentOnly) {
+  return Guarded([&]() -> long {
+    std::lock_guard<std::mutex> guard(core_->lock);
+    return core_->store.Count(unsentOnly != 0);
+  });
+}
+
+long AlertsManager::removeAlerts(const char* typeText, DataSchema schema, const char* codeText) {
+  return Guarded([&]() -> long {
+    if (typeText == nullptr || typeText[0] == '\0') {
+      return status::NotAvailable;
+    }
+    std::optional<uint32_t> code;
+    if (codeText != nullptr && codeText[0] != '\0') {
+      uint32_t value = 0;
+      if (!ParseCode(codeText, value)) {
+        return status::MalformedData;
+      }
+      code = value;
+    }
+    std::lock_guard<std::mutex> guard(core_->lock);
+    return core_->store.Remove(typeText, schema, code);
+  });
+}
+
+long AlertsManager::getAlert(const char* id, std::string& json) {
+  return Guarded([&]() -> long {
+    json.clear();
+    if (id == nullptr) {
+      return status::NotAvailable;
+    }
+    std::vector<AlertRecord> records;
+    {
+      AlertQuery query;
+      query.id = id;
+      std::lock_guard<std::mutex> guard(core_->lock);
+      if (const long result = core_->store.Select(query, records); result < 0) {
+        return result;
+      }
+    }
+    if (records.empty()) {
+      return status::NotFound;
+    }
+    json = AlertJson(records.front(), true);
+    return status::Ok;
+  });
+}
+
+long AlertsManager::listAlerts(std::string& json, int unsentOnly) {
+  return Guarded([&]() -> long {
+    json.clear();
+    std::vector<AlertRecord> records;
+    {
+      AlertQuery query;
+      query.unsentOnly = unsentOnly != 0;
+      query.newestFirst = true;
+      std::lock_guard<std::mutex> guard(core_->lock);
+      if (const long result = core_->store.Select(query, records); result < 0) {
+        return result;
+      }
+    }
+    json = AlertArrayJson(records);
+    return static_cast<long>(records.size());
+  });
+}
+
+long AlertsManager::retrieveAlerts(const char* jsonRequest, int maxAlerts, int /*reserved1*/,
+                                   int /*reserved2*/) {
+  return Guarded([&]() -> long {
+    bool getAll = false;
+    if (jsonRequest != nullptr && jsonRequest[0] != '\0') {
+      const std::unique_ptr<hlp::JsonValue> request = hlp::JsonParser().Parse(jsonRequest);
+      if (request == nullptr || !request->IsObject()) {
+        return status::MalformedData;
+      }
+      if (const hlp::JsonValue* all = request->FindMember("getAll"); all != nullptr) {
+        if (!all->IsBool()) {
+          return status::MalformedData;
+        }
+        getAll = all->GetBool();
+      }
+    }
+    std::vector<AlertRecord> records;
+    {
+      AlertQuery query;
+      query.unsentOnly = !getAll;
+      query.limit = maxAlerts > 0 ? maxAlerts : 0;
+      std::lock_guard<std::mutex> guard(core_->lock);
+      if (const long result = core_->store.Select(query, records); result < 0) {
+        return result;
+      }
+    }
+    std::vector<std::string> payloads;
+    for (const AlertRecord& record : records) {
+      payloads.push_back(AlertJson(record, false));
+    }
+    Send(*core_, payloads);
+    return static_cast<long>(payloads.size());
+  });
+}
+
+long AlertsManager::removeAlert(const char* id) {
+  return Guarded([&]() -> long {
+    if (id == nullptr) {
+      return status::NotAvailable;
+    }
+    std::lock_guard<std::mutex> guard(core_->lock);
+    return core_->store.RemoveById(id);
+  });
+}
+
+long AlertsManager::removeAllAlerts() {
+  return Guarded([&]() -> long {
+    std::lock_guard<std::mutex> guard(core_->lock);
+    return core_->store.RemoveAll();
+  });
+}
+
+long AlertsManager::checkpoint() {
+  return Guarded([&]() -> long {
+    std::lock_guard<std::mutex> guard(core_->lock);
+    return core_->store.Checkpoint();
+  });
+}
+
+long AlertsManager::stop() {
+  return Guarded([&]() -> long {
+    std::lock_guard<std::mutex> guard(core_->lock);
+    core_->store.Close();
+    return status::Ok;
+  });
+}
+
+long AlertsManager::purgeAlerts(int64_t olderThanDays, int flags) {
+  return Guarded([&]() -> long {
+    if (olderThanDays < 0) {
+      return status::NotAvailable;
+    }
+    if (olderThanDays > kMaxPurgeDays) {
+      return 0;
+    }
+    std::lock_guard<std::mutex> guard(core_->lock);
+    const int64_t cutoff = core_->clock() - olderThanDays * kSecondsPerDay;
+    return core_->store.Purge(cutoff, (flags & kPurgeKeepUnsent) != 0);
+  });
+}
+
+}  // namespace KroAlerts

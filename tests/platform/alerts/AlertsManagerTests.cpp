@@ -1,0 +1,295 @@
+#include "alerts/AlertsManager.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+#include "common/KroStatus.h"
+#include "tests/platform/alerts/AlertsTestSupport.h"
+#include "tests/support/TestSupport.h"
+
+namespace {
+
+using kro::test::IdOf;
+using KroAlerts::Alert;
+using KroAlerts::AlertsManager;
+using KroAlerts::DataSchema;
+namespace status = kro::status;
+
+constexpr int64_t kDay = 86400;
+
+class AlertsManagerTests : public testing::Test {
+ protected:
+  void SetUp() override { Reopen(); }
+
+  void Reopen() {
+    manager_.reset();
+    // A folder that does not exist yet: the manager makes it.
+    manager_ = kro::test::OpenAlerts(callbacks_, dir_.Path() / "Kesta", routines_);
+    ASSERT_NE(manager_, nullptr);
+    manager_->setClock([this] { return now_; });
+  }
+
+  /** @brief Adds an alert and returns the id from its payload. */
+  std::string Add(const char* name, unsigned int code, int64_t at = 1000) {
+    now_ = at;
+    Alert alert(name, code, 0, true);
+    alert.addParameter("system");
+    EXPECT_EQ(manager_->addAlert(alert), status::Ok);
+    const std::vector<std::string> payloads = callbacks_.Take();
+    EXPECT_EQ(payloads.size(), 1u);
+    return payloads.empty() ? std::string() : IdOf(payloads.back());
+  }
+
+  std::vector<std::string> Retrieve(const char* request) {
+    callbacks_.Take();
+    manager_->retrieveAlerts(request, 0, 0, 0);
+    std::vector<std::string> ids;
+    for (const std::string& payload : callbacks_.Take()) {
+      ids.push_back(IdOf(payload));
+    }
+    return ids;
+  }
+
+  kro::test::TempDir dir_;
+  kro::test::RecordingCallbacks callbacks_;
+  kro::test::AlertRoutines routines_;
+  int64_t now_ = 1000;
+  std::unique_ptr<AlertsManager, void (*)(AlertsManager*)> manager_{nullptr, nullptr};
+};
+
+TEST_F(AlertsManagerTests, AddStoresAlertAndHandsPayloadOn) {
+  now_ = 1234;
+  Alert alert("DiskFull", 7, 2, true);
+  alert.addParameter("system");
+  alert.addParameter("C:\\ \"quoted\"");
+  ASSERT_EQ(manager_->addAlert(alert), status::Ok);
+
+  const std::vector<std::string> payloads = callbacks_.Take();
+  ASSERT_EQ(payloads.size(), 1u);
+  const auto root = hlp::JsonParser().Parse(payloads[0]);
+  ASSERT_NE(root, nullptr) << payloads[0];
+  const std::string id = root->FindMember("id")->GetString();
+  EXPECT_EQ(id.size(), 32u);
+  EXPECT_EQ(id.find_first_not_of("0123456789abcdef"), std::string::npos);
+  EXPECT_EQ(root->FindMember("type")->GetString(), "DiskFull");
+  EXPECT_EQ(root->FindMember("code")->GetInt64(), 7);
+  EXPECT_EQ(root->FindMember("schema")->GetInt64(), 0);
+  EXPECT_EQ(root->FindMember("raised")->GetInt64(), 1234);
+  EXPECT_EQ(root->FindMember("updated")->GetInt64(), 1234);
+  EXPECT_EQ(root->FindMember("parameters")->ToString(), R"(["system","C:\\ \"quoted\""])");
+  EXPECT_EQ(root->FindMember("sent"), nullptr);
+
+  std::string stored;
+  ASSERT_EQ(manager_->getAlert(id.c_str(), stored), status::Ok);
+  EXPECT_NE(stored.find("\"sent\":false"), std::string::npos) << stored;
+  EXPECT_EQ(manager_->getAlertCount(0), 1);
+
+  // A transient alert travels but is not kept; a nameless one is refused outright.
+  EXPECT_EQ(manager_->addAlert(Alert("Blip", 1, 0, false)), status::Ok);
+  EXPECT_EQ(callbacks_.Take().size(), 1u);
+  EXPECT_EQ(manager_->addAlert(Alert(nullptr, 1, 0, true)), status::NotAvailable);
+  EXPECT_TRUE(callbacks_.Take().empty());
+  EXPECT_EQ(manager_->getAlertCount(0), 1);
+}
+
+TEST_F(AlertsManagerTests, RetrieveHandsOnUnsentOrAll) {
+  const std::string a = Add("A", 1);
+  const std::string b = Add("B", 1);
+  const std::string c = Add("C", 1);
+  EXPECT_EQ(manager_->markAlertAsSent(b), status::Ok);
+  EXPECT_EQ(manager_->markAlertAsSent("no-such-id"), status::NotFound);
+
+  EXPECT_EQ(Retrieve(R"({"getAll":false})"), (std::vector<std::string>{a, c}));
+  EXPECT_EQ(Retrieve(nullptr), (std::vector<std::string>{a, c}));
+  EXPECT_EQ(Retrieve(R"({"getAll":true})"), (std::vector<std::string>{a, b, c}));
+  EXPECT_EQ(manager_->getAlertCount(1), 2);
+
+  for (const char* bad : {"{", "[]", R"({"getAll":1})"}) {
+    SCOPED_TRACE(bad);
+    EXPECT_EQ(manager_->retrieveAlerts(bad, 0, 0, 0), status::MalformedData);
+    EXPECT_TRUE(callbacks_.Take().empty());
+  }
+}
+
+TEST_F(AlertsManagerTests, AlertsSurviveRestart) {
+  const std::string kept = Add("Kept", 1);
+  const std::string delivered = Add("Delivered", 2);
+  ASSERT_EQ(manager_->markAlertAsSent(delivered), status::Ok);
+  std::function<RoutineFn> oldRoutine = routines_.at(AlertsManager::kGetAlertsRoutine);
+
+  Reopen();
+  EXPECT_EQ(manager_->getAlertCount(0), 2);
+  EXPECT_EQ(Retrieve(R"({"getAll":false})"), std::vector<std::string>{kept});
+
+  // The previous manager's routine is dead; the map now holds a live one.
+  const char* response = nullptr;
+  size_t length = 0;
+  EXPECT_EQ(oldRoutine("", 0, &response, &length), status::NotAvailable);
+  EXPECT_EQ(response, nullptr);
+  ASSERT_EQ(routines_.at(AlertsManager::kGetAlertsRoutine)("", 0, &response, &length), status::Ok);
+  EXPECT_NE(std::string(response, length).find(kept), std::string::npos);
+  delete[] response;
+}
+
+TEST_F(AlertsManagerTests, PurgeRemovesByAgeOfLastUpdate) {
+  struct Case {
+    int64_t days;
+    int flags;
+    long removed;
+    const char* left;  // types still stored, oldest first
+  };
+  const Case cases[] = {
+      {30, 0, 2, "Late"},
+      {60, 0, 1, "MiddleLate"},
+      {30, AlertsManager::kPurgeKeepUnsent, 1, "OldLate"},  // Middle was sent
+      {0, 0, 3, ""},
+      {100000, 0, 0, "OldMiddleLate"},
+      {-1, 0, status::NotAvailable, "OldMiddleLate"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(std::to_string(c.days) + " days, flags " + std::to_string(c.flags));
+    manager_->removeAllAlerts();
+    Add("Old", 1, 0);
+    manager_->markAlertAsSent(Add("Middle", 1, 50 * kDay));
+    Add("Late", 1, 95 * kDay);
+    now_ = 100 * kDay;
+    EXPECT_EQ(manager_->purgeAlerts(c.days, c.flags), c.removed);
+    std::string left;
+    std::string json;
+    manager_->listAlerts(json, 0);
+    for (const char* type : {"Old", "Middle", "Late"}) {
+      if (json.find(std::string("\"type\":\"") + type + "\"") != std::string::npos) {
+        left += type;
+      }
+    }
+    EXPECT_EQ(left, c.left);
+  }
+
+  // An update renews an alert's age.
+  manager_->removeAllAlerts();
+  Add("Old", 1, 0);
+  now_ = 99 * kDay;
+  ASSERT_EQ(manager_->updateAlert(Alert("Old", 1, 0, true), KroAlerts::SYSTEM), 1);
+  now_ = 100 * kDay;
+  EXPECT_EQ(manager_->purgeAlerts(30, 0), 0);
+}
+
+TEST_F(AlertsManagerTests, UpdateSetsSchemaAndHandsOnAgain) {
+  const std::string target = Add("Fan", 1, 100);
+  Add("Fan", 2, 100);
+  Add("Pump", 1, 100);
+  ASSERT_EQ(manager_->markAlertAsSent(target), status::Ok);
+
+  now_ = 500;
+  ASSERT_EQ(manager_->updateAlert(Alert("Fan", 1, 0, true), KroAlerts::JOB), 1);
+  const std::vector<std::string> payloads = callbacks_.Take();
+  ASSERT_EQ(payloads.size(), 1u);
+  const auto root = hlp::JsonParser().Parse(payloads[0]);
+  ASSERT_NE(root, nullptr);
+  EXPECT_EQ(root->FindMember("id")->GetString(), target);
+  EXPECT_EQ(root->FindMember("schema")->GetInt64(), KroAlerts::JOB);
+  EXPECT_EQ(root->FindMember("raised")->GetInt64(), 100);
+  EXPECT_EQ(root->FindMember("updated")->GetInt64(), 500);
+  // The server has not seen the change yet.
+  EXPECT_EQ(Retrieve(R"({"getAll":false})").size(), 3u);
+
+  EXPECT_EQ(manager_->updateAlert(Alert("Fan", 9, 0, true), KroAlerts::JOB), status::NotFound);
+  EXPECT_TRUE(callbacks_.Take().empty());
+}
+
+TEST_F(AlertsManagerTests, RemoveMatchesTypeSchemaAndCode) {
+  struct Case {
+    const char* type;
+    DataSchema schema;
+    const char* code;
+    long result;
+  };
+  const Case cases[] = {
+      {"X", KroAlerts::UNKNOWN, "1", 1},  // not the X 1 that was moved to SYSTEM
+      {"X", KroAlerts::SYSTEM, "1", 1},
+      {"X", KroAlerts::UNKNOWN, "-1", 1},  // 4294967295 as "%d" prints it
+      {"X", KroAlerts::UNKNOWN, "4294967295", 1},
+      {"X", KroAlerts::UNKNOWN, nullptr, 3},
+      {"X", KroAlerts::UNKNOWN, "", 3},
+      {"x", KroAlerts::UNKNOWN, nullptr, 0},
+      {"X", KroAlerts::JOB, nullptr, 0},
+      {"X", KroAlerts::UNKNOWN, "1x", status::MalformedData},
+      {nullptr, KroAlerts::UNKNOWN, "1", status::NotAvailable},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(std::string(c.type ? c.type : "(null)") + " " + std::to_string(c.schema) + " " +
+                 (c.code ? c.code : "(null)"));
+    manager_->removeAllAlerts();
+    Add("X", 1);
+    manager_->updateAlert(Alert("X", 1, 0, true), KroAlerts::SYSTEM);
+    callbacks_.Take();
+    Add("X", 1);
+    Add("X", 2);
+    Add("X", 4294967295u);
+    Add("Y", 1);
+    EXPECT_EQ(manager_->removeAlerts(c.type, c.schema, c.code), c.result);
+    EXPECT_EQ(manager_->getAlertCount(0), 5 - (c.result > 0 ? c.result : 0));
+  }
+}
+
+TEST_F(AlertsManagerTests, RoutineListsNewestFirstWithSentFlag) {
+  const std::string first = Add("First", 1, 10);
+  const std::string second = Add("Second", 1, 20);
+  const std::string third = Add("Third", 1, 20);  // same second: order of adding decides
+  ASSERT_EQ(manager_->markAlertAsSent(second), status::Ok);
+
+  // The agent looks routines up without regard to case.
+  const auto routine = routines_.find(std::string_view("/arbalo/requests/GETALERTS.JSON"));
+  ASSERT_NE(routine, routines_.end());
+  const char* response = nullptr;
+  size_t length = 0;
+  ASSERT_EQ(routine->second("", 0, &response, &length), status::Ok);
+  ASSERT_NE(response, nullptr);
+  EXPECT_EQ(response[length], '\0');
+  const auto root = hlp::JsonParser().Parse(std::string_view(response, length));
+  delete[] response;
+  ASSERT_NE(root, nullptr);
+  const hlp::JsonValue* alerts = root->FindMember("alerts");
+  ASSERT_NE(alerts, nullptr);
+  ASSERT_EQ(alerts->Size(), 3u);
+  const std::pair<std::string, bool> expected[] = {{third, false}, {second, true}, {first, false}};
+  for (size_t i = 0; i < 3; ++i) {
+    SCOPED_TRACE(i);
+    EXPECT_EQ(alerts->At(i)->FindMember("id")->GetString(), expected[i].first);
+    EXPECT_EQ(alerts->At(i)->FindMember("sent")->GetBool(), expected[i].second);
+  }
+}
+
+TEST_F(AlertsManagerTests, LeavesAnotherRoutineOfTheSameNameAlone) {
+  kro::test::AlertRoutines routines;
+  routines[AlertsManager::kGetAlertsRoutine] = [](const char*, size_t, const char**, size_t*) {
+    return 42L;
+  };
+  kro::test::TempDir dir;
+  auto manager = kro::test::OpenAlerts(callbacks_, dir.Path(), routines);
+  ASSERT_NE(manager, nullptr);
+  EXPECT_EQ(routines.at(AlertsManager::kGetAlertsRoutine)(nullptr, 0, nullptr, nullptr), 42L);
+}
+
+TEST_F(AlertsManagerTests, TypeTextIsCutToTheBuffer) {
+  struct Case {
+    size_t size;
+    int result;
+    const char* text;
+  };
+  const Case cases[] = {{100, 8, "DiskFull"}, {9, 8, "DiskFull"}, {4, 8, "Dis"}, {1, 8, ""}};
+  const Alert alert("DiskFull", 1, 0, true);
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.size);
+    char buffer[100];
+    std::memset(buffer, 'z', sizeof(buffer));
+    EXPECT_EQ(alert.getType(buffer, c.size), c.result);
+    EXPECT_STREQ(buffer, c.text);
+  }
+  char one[1];
+  EXPECT_EQ(alert.getType(one, 0), -1);
+  EXPECT_EQ(alert.getType(nullptr, 10), -1);
+}
+
+}  // namespace
