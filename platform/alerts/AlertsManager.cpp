@@ -143,19 +143,19 @@ std::string NewId(AlertsCore& core) {
   return id;
 }
 
-void Seed(std::mt19937_64& random) {
-  std::seed_seq seed{
+void Randomize(std::mt19937_64& random) {
+  std::seed_seq entropy{
       static_cast<uint64_t>(SystemNow()),
       static_cast<uint64_t>(std::chrono::steady_clock::now().time_since_epoch().count()),
       static_cast<uint64_t>(reinterpret_cast<uintptr_t>(&random))};
-  random.seed(seed);
+  random = std::mt19937_64(entropy);
   try {
     // Old MinGW runtimes give a fixed sequence here, hence the clock and address mixed in.
     std::random_device device;
     random.discard(device() & 0xFF);
-    random.seed(random() ^ ((static_cast<uint64_t>(device()) << 32) | device()));
+    random = std::mt19937_64(random() ^ ((static_cast<uint64_t>(device()) << 32) | device()));
   } catch (...) {
-    // No entropy source: the clock and address seeding stands.
+    // No entropy source: the clock and the address stand alone.
   }
 }
 
@@ -210,7 +210,7 @@ struct GetAlertsRoutine {
 
 AlertsManager::AlertsManager() : core_(std::make_shared<AlertsCore>()) {
   core_->clock = SystemNow;
-  Seed(core_->random);
+  Randomize(core_->random);
 }
 
 AlertsManager::~AlertsManager() = default;
