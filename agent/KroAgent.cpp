@@ -1,5 +1,6 @@
 #include "agent/KroAgent.h"
 
+#include <cstdio>
 #include <cstring>
 #include <new>
 #include <sstream>
@@ -8,6 +9,8 @@
 #include "agent/InstalledProducts.h"
 #include "agent/KroVersion.h"
 #include "agent/ModuleState.h"
+#include "alerts/Alert.h"
+#include "alerts/AlertsManager.h"
 #include "common/KroStatus.h"
 #include "common/WinHelper.h"
 #include "config/KroAgentConfiguration.h"
@@ -34,6 +37,46 @@ long MainThreadProcessEntry(void* context) {
   return static_cast<KroAgent*>(context)->MainThreadProcess(context);
 }
 
+long RetrieveAlertsEntry(void* context) {
+  return static_cast<KroAgent*>(context)->RetrieveAlerts(context);
+}
+
+long CleanupAlertsEntry(void* context) {
+  return static_cast<KroAgent*>(context)->CleanupAlerts(context);
+}
+
+// Schema names as products pass them, searched in this order.
+struct SchemaName {
+  const char* name;
+  KroAlerts::DataSchema schema;
+};
+constexpr SchemaName kSchemaNames[] = {
+    {"SYSTEM", KroAlerts::SYSTEM},         {"JOB", KroAlerts::JOB},
+    {"NET_DOMAIN", KroAlerts::NET_DOMAIN}, {"UPDATE", KroAlerts::UPDATE},
+    {"BIOS_GUID", KroAlerts::BIOS_GUID},
+};
+
+bool EqualIgnoringCase(const char* a, const char* b) {
+  for (;; ++a, ++b) {
+    const auto fold = [](char c) {
+      return (c >= 'a' && c <= 'z') ? static_cast<char>(c - 'a' + 'A') : c;
+    };
+    if (fold(*a) != fold(*b)) {
+      return false;
+    }
+    if (*a == '\0') {
+      return true;
+    }
+  }
+}
+
+// Every alert the agent raises names the system as its first parameter.
+KroAlerts::Alert MakeAlert(const char* alertName, unsigned int code) {
+  KroAlerts::Alert alert(alertName, code, 0, true);
+  alert.addParameter("system");
+  return alert;
+}
+
 // Dial-home work items, cancelled by name when the agent moves to another port.
 constexpr const char* kDialHomeItems[] = {"retry", "request", "periodic", "startup"};
 
@@ -41,8 +84,15 @@ constexpr const char* kDialHomeItems[] = {"retry", "request", "periodic", "start
 
 KroAgent::KroAgent() = default;
 
-// Threads are not stopped here: the host calls Exit first.
-KroAgent::~KroAgent() = default;
+// Threads are not stopped here: the host calls Exit first. A manager is still held only when
+// the main thread never ran (Init without Start); nothing else can reach it by now.
+KroAgent::~KroAgent() {
+  if (KroAlerts::AlertsManager* manager = alertsManager_.exchange(nullptr)) {
+    KroAlerts::AlertsManager* expected = manager;
+    Module().alertsManager.compare_exchange_strong(expected, nullptr);
+    KroAlerts::AlertsManager::cleanup(manager);
+  }
+}
 
 long KroAgent::Init() {
   try {
@@ -52,6 +102,10 @@ long KroAgent::Init() {
     }
     logging_support::change_severity_cutoff(agentConfig_->LoggingLevel());
     logging_support::set_logger_for_thread(Module().logger);
+
+    if (const long st = InitAlerting(); st != status::Ok) {
+      return st;
+    }
 
     dialHomeInfo_.Reset();
     if (const long st = kro::ReadDialHomeInfo(dialHomeInfo_); st != status::Ok) {
@@ -110,10 +164,87 @@ long KroAgent::Start() {
     if (st != NVTHREADS_OK) {
       KRO_LOG_ERROR << "Error adding workitem [" << kMainWorkItem << "] Status " << st;
       result = status::Code(st);
+    } else {
+      result = AddMaintenanceTasks();
     }
   }
   KRO_LOG_INFO << "Created " << kMainThread << " & " << kMainWorkItem << " Status " << result;
   return result;
+}
+
+long KroAgent::InitAlerting() {
+  try {
+    // A second Init replaces the manager; the old one would otherwise be lost with its store.
+    if (KroAlerts::AlertsManager* previous = alertsManager_.exchange(nullptr)) {
+      KroAlerts::AlertsManager::cleanup(previous);
+    }
+    alertCallbacks_ = nullptr;
+
+    std::wstring install;
+    kro::ReadRegistryString(install, kSetupKey, L"InstallDir");
+    std::string folder;
+    kro::WideToUtf8(install + L"Kesta" + kro::kPathSeparator, folder);
+
+    alertCallbacks_ = &alertCallbackObject_;
+    // The manager copies the folder; the list lives only for this call.
+    const char* alertsSettings[] = {folder.c_str(), nullptr};
+    KroAlerts::AlertsManager* manager = KroAlerts::AlertsManager::initialize(
+        alertCallbacks_, alertsSettings, routines_.UnguardedMap());
+    if (manager == nullptr) {
+      KRO_LOG_ERROR << "Error initializing alerting";
+      return status::OutOfMemory;
+    }
+    alertsManager_.store(manager);
+    manager->start(0);
+    Module().alertsManager.store(manager);
+    return status::Ok;
+  } catch (...) {
+    KRO_LOG_ERROR << "Error initializing alerting";
+    return status::OutOfMemory;
+  }
+}
+
+long KroAgent::AddMaintenanceTasks() {
+  // Retrieve once, 5 minutes after start: by then the first report has gone (or failed), and
+  // alerts raised before a restart join the next one.
+  uint32_t st = nvthreads_workitem_add(kMainPool, kMainThread, kAlertsRetrieveWorkItem, 1, 300000,
+                                       0, nullptr, nullptr, RetrieveAlertsEntry, this);
+  if (st != NVTHREADS_OK) {
+    KRO_LOG_ERROR << "Error adding workitem [" << kAlertsRetrieveWorkItem << "] Status " << st;
+    return status::Code(st);
+  }
+  // Purge 2 hours after start, then daily.
+  st = nvthreads_workitem_add(kMainPool, kMainThread, kAlertsCleanupWorkItem, 1, 7200000, 86400000,
+                              nullptr, nullptr, CleanupAlertsEntry, this);
+  if (st != NVTHREADS_OK) {
+    KRO_LOG_ERROR << "Error adding workitem [" << kAlertsCleanupWorkItem << "] Status " << st;
+    return status::Code(st);
+  }
+  KRO_LOG_INFO << "Add Maintenance Tasks Status " << 0;
+  return status::Ok;
+}
+
+long KroAgent::RetrieveAlerts(void* /*context*/) {
+  try {
+    if (KroAlerts::AlertsManager* manager = alertsManager_.load()) {
+      manager->retrieveAlerts("{\"getAll\":false}", 0, 0, 0);
+    }
+  } catch (...) {
+    // The library does not throw; a failed retrieve is retried by no one and harms no one.
+  }
+  return status::Ok;
+}
+
+long KroAgent::CleanupAlerts(void* /*context*/) {
+  try {
+    KroAlerts::AlertsManager* manager = alertsManager_.load();
+    if (manager != nullptr && agentConfig_ != nullptr) {
+      // Read at every run: a changed interval applies to the next purge without a restart.
+      manager->purgeAlerts(static_cast<int64_t>(agentConfig_->AlertsCleanupInterval()), 0);
+    }
+  } catch (...) {
+  }
+  return status::Ok;
 }
 
 long KroAgent::Exit() {
@@ -149,6 +280,13 @@ long KroAgent::MainThreadInit(void* /*context*/) {
     if (const long st = dialHome_.Create(); st != status::Ok) {
       KRO_LOG_ERROR << "Error creating the dial-home client, status " << st;
     }
+    // A report the server confirmed tells the store which alerts it now has. The dial-home
+    // pool stops before the manager is released, so the manager outlives every call.
+    dialHome_.SetAlertDelivered([this](const std::string& alertId) {
+      if (KroAlerts::AlertsManager* manager = alertsManager_.load()) {
+        manager->markAlertAsSent(alertId);
+      }
+    });
 
     // The agent port speaks TLS as the settings say; the UI port is for browsers on this
     // machine and speaks plain HTTP. Session option 0 keeps the UI local-only.
@@ -163,6 +301,9 @@ long KroAgent::MainThreadInit(void* /*context*/) {
 
     // The first report goes 30 s after this, the periodic ones follow the configured interval.
     dialHome_.Start(dialHomeInfo_);
+    if (alertCallbacks_ != nullptr) {
+      alertCallbacks_->SetDialHome(&dialHome_);
+    }
 
     KRO_LOG_INFO << "Agent port " << agentPort << (agentSSL ? " (TLS)" : "") << ", UI port "
                  << uiPort;
@@ -210,6 +351,15 @@ long KroAgent::MainThreadCleanup(void* /*context*/) {
     nvthreads_pool_shutdown(kDialHomePool);
     nvthreads_pool_cleanup(kDialHomePool);
     server_.Shutdown();
+    if (alertCallbacks_ != nullptr) {
+      alertCallbacks_->SetDialHome(nullptr);
+    }
+    if (KroAlerts::AlertsManager* manager = alertsManager_.exchange(nullptr)) {
+      KroAlerts::AlertsManager* expected = manager;
+      Module().alertsManager.compare_exchange_strong(expected, nullptr);
+      KroAlerts::AlertsManager::cleanup(manager);
+    }
+    alertCallbacks_ = nullptr;
     hlp::ComHelper::ThreadDeinit();
   } catch (...) {
     KRO_LOG_ERROR << "Main thread clean-up failed";
@@ -229,19 +379,76 @@ void KroAgent::ReleaseResponse(void* buffer) {
   delete[] static_cast<char*>(buffer);
 }
 
-long KroAgent::GenerateAlert(const char* /*alertName*/, unsigned int /*code*/,
-                             const char* /*param1*/, const char* /*param2*/) {
-  return status::NotAvailable;
+long KroAgent::GenerateAlert(const char* alertName, unsigned int code, const char* param1,
+                             const char* param2) {
+  try {
+    KroAlerts::AlertsManager* manager = alertsManager_.load();
+    if (manager == nullptr) {
+      return status::NotAvailable;  // before Init or after the main thread released alerting
+    }
+    KroAlerts::Alert alert = MakeAlert(alertName, code);
+    alert.addParameter(param1);  // null parameters are skipped
+    alert.addParameter(param2);
+    manager->addAlert(alert);
+    return QueueDialHomeRequest();
+  } catch (...) {
+    return status::OutOfMemory;
+  }
 }
 
-long KroAgent::UpdateAlert(const char* /*alertName*/, const char* /*schemaName*/,
-                           unsigned int /*code*/) {
-  return status::NotAvailable;
+long KroAgent::UpdateAlert(const char* alertName, const char* schemaName, unsigned int code) {
+  try {
+    KroAlerts::AlertsManager* manager = alertsManager_.load();
+    if (manager == nullptr) {
+      return status::NotAvailable;
+    }
+    KroAlerts::DataSchema schema = KroAlerts::UNKNOWN;
+    GetAlertDataSchema(schemaName, schema);
+    manager->updateAlert(MakeAlert(alertName, code), schema);
+    return QueueDialHomeRequest();
+  } catch (...) {
+    return status::OutOfMemory;
+  }
 }
 
-long KroAgent::RemoveAlert(const char* /*alertName*/, const char* /*schemaName*/,
-                           unsigned int /*code*/) {
-  return status::NotAvailable;
+long KroAgent::RemoveAlert(const char* alertName, const char* schemaName, unsigned int code) {
+  try {
+    KroAlerts::AlertsManager* manager = alertsManager_.load();
+    if (manager == nullptr) {
+      return status::Ok;
+    }
+    KroAlerts::DataSchema schema = KroAlerts::UNKNOWN;
+    GetAlertDataSchema(schemaName, schema);
+    // Products store codes as signed numbers; the text is what the store matches.
+    char codeText[12] = {};
+    std::snprintf(codeText, sizeof(codeText), "%d", static_cast<int>(code));
+    char typeText[100] = {};
+    MakeAlert(alertName, code).getType(typeText, sizeof(typeText));
+    manager->removeAlerts(typeText, schema, codeText);
+  } catch (...) {
+    // Removal reports nothing to the caller.
+  }
+  return status::Ok;
+}
+
+bool KroAgent::GetAlertDataSchema(const char* name, KroAlerts::DataSchema& schema) {
+  if (name != nullptr) {
+    for (const SchemaName& entry : kSchemaNames) {
+      if (EqualIgnoringCase(name, entry.name)) {
+        schema = entry.schema;
+        return true;
+      }
+    }
+  }
+  schema = KroAlerts::UNKNOWN;
+  return false;
+}
+
+long KroAgent::QueueDialHomeRequest() {
+  // At once, on the dial-home thread: the alert should not wait for the periodic report.
+  return status::Code(nvthreads_workitem_add(kDialHomePool, kDialHomeThread, "request", 1, 0, 0,
+                                             nullptr, nullptr, kro::DialHome::RequestEntry,
+                                             &dialHome_));
 }
 
 unsigned short KroAgent::GetAgentPort() {
@@ -285,9 +492,7 @@ long KroAgent::UpdateDialHomeInfo(const wchar_t* filePath, const char* settingsT
     if (const long st = kro::WriteDialHomeInfoFile(filePath, dialHomeInfo_); st < 0) {
       return st;
     }
-    return status::Code(nvthreads_workitem_add(kDialHomePool, kDialHomeThread, "request", 1, 0, 0,
-                                               nullptr, nullptr, kro::DialHome::RequestEntry,
-                                               &dialHome_));
+    return QueueDialHomeRequest();
   } catch (...) {
     return status::Failure;
   }

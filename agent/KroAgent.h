@@ -4,8 +4,10 @@
 #include <cstdint>
 #include <mutex>
 
+#include "agent/AlertAgentCallbacks.h"
 #include "agent/IKroAgent.h"
 #include "agent/RoutineTable.h"
+#include "alerts/DataSchema.h"
 #include "dialhome/DialHomeInfo.h"
 #include "dialhome/EndNodeDialHome.h"
 #include "dialhome/EndNodeModifyPort.h"
@@ -14,6 +16,10 @@
 
 namespace kro {
 class KroAgentConfiguration;
+}
+
+namespace KroAlerts {
+class AlertsManager;
 }
 
 #if defined(_WIN32)
@@ -34,6 +40,8 @@ inline constexpr const char* kMainThread = "AgentMainThread";
 inline constexpr const char* kMainWorkItem = "WorkItemAgentMain";
 inline constexpr const char* kDialHomePool = "DialHomePool";
 inline constexpr const char* kDialHomeThread = "DialHomeMainThread";
+inline constexpr const char* kAlertsRetrieveWorkItem = "WorkItemAlertsRetrieve";
+inline constexpr const char* kAlertsCleanupWorkItem = "WorkItemAlertsCleanup";
 
 /** @brief The browser UI's routine prefix. */
 inline constexpr const char* kUIRequestPrefix = "/Arbalo/Requests/";
@@ -76,6 +84,10 @@ class KRO_AGENT_API KroAgent : public IKroAgent {
   long MainThreadProcess(void* context);
   /** @brief Runs once on "AgentMainThread" as its pool shuts down. */
   long MainThreadCleanup(void* context);
+  /** @brief "WorkItemAlertsRetrieve": hands alerts the management server lacks to dial-home. */
+  long RetrieveAlerts(void* context);
+  /** @brief "WorkItemAlertsCleanup": purges alerts older than "AlertsCleanupInterval" days. */
+  long CleanupAlerts(void* context);
 
   /** @brief "GetRoleVer": the module's version text. */
   long SendRoleVer(const char* request, size_t requestLen, const char** response,
@@ -95,6 +107,12 @@ class KRO_AGENT_API KroAgent : public IKroAgent {
 
   long SetupUIRoutineList();
   long GetAgentUIPort(unsigned short& port);
+  long AddMaintenanceTasks();
+  /** @brief Queues the one-shot "request" report; the status of queueing it. */
+  long QueueDialHomeRequest();
+  long InitAlerting();
+  /** @brief Looks a schema name up without regard to case; unknown names give 0 and false. */
+  static bool GetAlertDataSchema(const char* name, KroAlerts::DataSchema& schema);
 
   kro::KroServer server_;
   kro::KroAgentConfiguration* agentConfig_ = nullptr;  // the process-wide settings, not owned
@@ -106,6 +124,12 @@ class KRO_AGENT_API KroAgent : public IKroAgent {
   std::mutex systemInfoLock_;
   kro::SystemInventory systemInfo_;
   std::atomic<uint16_t> uiPort_{0};  // as the main thread set the server up
+  // The library keeps the callbacks until it is released; the object outlives every manager
+  // and is not recreated, so a pointer the library holds never dangles.
+  AlertAgentCallbacks alertCallbackObject_;
+  AlertAgentCallbacks* alertCallbacks_ = nullptr;
+  // Atomic: the host raises alerts on its threads while the main thread may release it.
+  std::atomic<KroAlerts::AlertsManager*> alertsManager_{nullptr};
 };
 
 }  // namespace KroAgent

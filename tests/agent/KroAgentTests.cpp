@@ -13,52 +13,11 @@
 #include "common/KroStatus.h"
 #include "common/WinHelper.h"
 #include "hlp/TcpClient.h"
+#include "nvthreads/nvthreads.h"
+#include "tests/agent/AgentTestSupport.h"
 #include "tests/support/TestSupport.h"
 
 namespace KroAgent {
-
-// Each test runs against an installation of its own: a registry naming a temporary folder
-// that holds the settings files.
-class KroAgentTests : public testing::Test {
- protected:
-  void SetUp() override {
-    std::wstring install;
-    kro::Utf8ToWide(install_.Path().string() + kro::kPathSeparatorA, install);
-    kro::WriteRegistryString(install, kSetupKey, L"InstallDir");
-    kro::WriteRegistryString(std::to_wstring(kro::test::FreeTcpPort()), kArbaloKey, L"AgentUIPort");
-    agentPort_ = kro::test::FreeTcpPort();
-    // The management server of the file is down: reports fail at once and are retried later.
-    WriteSettings("HomeName:127.0.0.1,HomePort:" + std::to_string(kro::test::FreeTcpPort()) +
-                  ",HomeSSL:N,AgentPort:" + std::to_string(agentPort_) +
-                  ",AgentSSL:N,StartupMode:Paused,BAPhase1:0,BAPhase2:24,BAPhase3:48,"
-                  "BAPhase4:12\n");
-  }
-  void WriteSettings(const std::string& line) { install_.Write("DialHomeInfo.txt", line); }
-  std::string Settings() const { return kro::test::ReadFile(install_.Path() / "DialHomeInfo.txt"); }
-
-  static long UIPort(KroAgent& agent, unsigned short& port) { return agent.GetAgentUIPort(port); }
-
-  // Calls a routine through the map, as the server's dispatcher does.
-  static long Call(KroAgent& agent, const char* name, std::string& answer,
-                   const std::string& request = "") {
-    std::function<RoutineFn> routine;
-    if (!agent.Routines().Find(name, routine)) {
-      return kro::status::NotFound;
-    }
-    const char* response = nullptr;
-    size_t length = 0;
-    const long status = routine(request.c_str(), request.size(), &response, &length);
-    if (response != nullptr) {
-      answer.assign(response, length);
-      agent.ReleaseResponse(const_cast<char*>(response));
-    }
-    return status;
-  }
-
-  kro::test::ScopedRegistry registry_;
-  kro::test::TempDir install_;
-  uint16_t agentPort_ = 0;
-};
 
 TEST_F(KroAgentTests, GetRoleVerAnswersTheVersionWithATerminatedBuffer) {
   KroAgent agent;
@@ -241,6 +200,10 @@ TEST_F(KroAgentTests, StartRunsTheMainThreadAndExitRunsItsCleanup) {
   ASSERT_EQ(data.size(), 4u);
   EXPECT_EQ(data[0] | (data[1] << 8), agentPort_);
   EXPECT_EQ(agent.PendingPort(), agentPort_);
+  // The maintenance items wait on the same thread (cancelling proves they were added).
+  for (const char* item : {"WorkItemAlertsRetrieve", "WorkItemAlertsCleanup"}) {
+    EXPECT_EQ(nvthreads_workitem_cancel(kMainPool, kMainThread, item), NVTHREADS_OK) << item;
+  }
 
   EXPECT_EQ(agent.Exit(), 0);
   // The pool is gone with the main thread: adding to it now fails.

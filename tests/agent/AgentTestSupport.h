@@ -1,0 +1,67 @@
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <string>
+
+#include "agent/KroAgent.h"
+#include "alerts/AlertsManager.h"
+#include "common/KroStatus.h"
+#include "common/WinHelper.h"
+#include "tests/support/TestSupport.h"
+
+namespace KroAgent {
+
+// Each test runs against an installation of its own: a registry naming a temporary folder
+// that holds the settings files.
+class KroAgentTests : public testing::Test {
+ protected:
+  void SetUp() override {
+    std::wstring install;
+    kro::Utf8ToWide(install_.Path().string() + kro::kPathSeparatorA, install);
+    kro::WriteRegistryString(install, kSetupKey, L"InstallDir");
+    kro::WriteRegistryString(std::to_wstring(kro::test::FreeTcpPort()), kArbaloKey, L"AgentUIPort");
+    agentPort_ = kro::test::FreeTcpPort();
+    // The management server of the file is down: reports fail at once and are retried later.
+    WriteSettings("HomeName:127.0.0.1,HomePort:" + std::to_string(kro::test::FreeTcpPort()) +
+                  ",HomeSSL:N,AgentPort:" + std::to_string(agentPort_) +
+                  ",AgentSSL:N,StartupMode:Paused,BAPhase1:0,BAPhase2:24,BAPhase3:48,"
+                  "BAPhase4:12\n");
+  }
+  void WriteSettings(const std::string& line) { install_.Write("DialHomeInfo.txt", line); }
+  std::string Settings() const { return kro::test::ReadFile(install_.Path() / "DialHomeInfo.txt"); }
+
+  static long UIPort(KroAgent& agent, unsigned short& port) { return agent.GetAgentUIPort(port); }
+
+  // Calls a routine through the map, as the server's dispatcher does.
+  static long Call(KroAgent& agent, const char* name, std::string& answer,
+                   const std::string& request = "") {
+    std::function<RoutineFn> routine;
+    if (!agent.Routines().Find(name, routine)) {
+      return kro::status::NotFound;
+    }
+    const char* response = nullptr;
+    size_t length = 0;
+    const long status = routine(request.c_str(), request.size(), &response, &length);
+    if (response != nullptr) {
+      answer.assign(response, length);
+      agent.ReleaseResponse(const_cast<char*>(response));
+    }
+    return status;
+  }
+
+  // The agent's private parts the alerts tests look at.
+  static KroAlerts::AlertsManager* Alerts(KroAgent& agent) { return agent.alertsManager_.load(); }
+  static AlertAgentCallbacks* Callbacks(KroAgent& agent) { return agent.alertCallbacks_; }
+  static kro::DialHome& DialHomeOf(KroAgent& agent) { return agent.dialHome_; }
+  static bool Schema(const char* name, KroAlerts::DataSchema& schema) {
+    return KroAgent::GetAlertDataSchema(name, schema);
+  }
+
+  kro::test::ScopedRegistry registry_;
+  kro::test::TempDir install_;
+  uint16_t agentPort_ = 0;
+};
+
+}  // namespace KroAgent

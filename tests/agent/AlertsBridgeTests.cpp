@@ -1,0 +1,308 @@
+#include "agent/AlertAgentCallbacks.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <ctime>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "config/KroAgentConfiguration.h"
+#include "config/KroConfigurationManager.h"
+#include "dialhome/EndNodeDialHome.h"
+#include "dialhome/SystemInventory.h"
+#include "hlp/Json.h"
+#include "tests/agent/AgentTestSupport.h"
+#include "tests/dialhome/HomeStandIn.h"
+
+namespace KroAgent {
+
+class AlertsBridgeTests : public KroAgentTests {
+ protected:
+  // The alerts as the browser UI reads them, newest first.
+  std::unique_ptr<hlp::JsonValue> StoredAlerts(KroAgent& agent) {
+    std::string answer;
+    EXPECT_EQ(Call(agent, "/arbalo/requests/getalerts.json", answer), 0);
+    std::unique_ptr<hlp::JsonValue> root = hlp::JsonParser().Parse(answer);
+    if (root == nullptr || root->FindMember("alerts") == nullptr) {
+      ADD_FAILURE() << "not an alerts answer: " << answer;
+      return nullptr;
+    }
+    return root;
+  }
+  static const hlp::JsonValue& First(const std::unique_ptr<hlp::JsonValue>& root) {
+    return *root->FindMember("alerts")->At(0);
+  }
+  static std::vector<std::string> Parameters(const hlp::JsonValue& alert) {
+    std::vector<std::string> values;
+    const hlp::JsonValue* list = alert.FindMember("parameters");
+    for (size_t i = 0; list != nullptr && i < list->Size(); ++i) {
+      values.push_back(list->At(i)->GetString());
+    }
+    return values;
+  }
+  // The management server of the settings file from now on (reports re-read it); a report
+  // also names the installed version.
+  void EnrolAt(uint16_t port) {
+    kro::WriteRegistryString(L"7.0.222.0", kSetupKey, L"ProductVersion");
+    WriteSettings("HomeName:127.0.0.1,HomePort:" + std::to_string(port) +
+                  ",HomeSSL:N,AgentPort:" + std::to_string(agentPort_) + ",AgentSSL:N\n");
+  }
+  // The alert payloads of every report the stand-in saw, in order.
+  static std::vector<std::string> ReportedAlerts(kro::test::StandIn& home) {
+    std::vector<std::string> payloads;
+    for (const auto& seen : home.Requests()) {
+      const auto root = hlp::JsonParser().Parse(kro::test::UnframeRequest(seen.body));
+      const hlp::JsonValue* data = root ? root->FindMember("Alerts")
+                                              ? root->FindMember("Alerts")->FindMember("Data")
+                                              : nullptr
+                                        : nullptr;
+      for (size_t i = 0; data != nullptr && i < data->Size(); ++i) {
+        payloads.push_back(data->At(i)->GetString());
+      }
+    }
+    return payloads;
+  }
+  static std::string IdOf(const std::string& payload) {
+    const auto root = hlp::JsonParser().Parse(payload);
+    return root && root->FindMember("id") ? root->FindMember("id")->GetString() : "";
+  }
+};
+
+TEST_F(AlertsBridgeTests, SchemaNamesIgnoreCaseAndUnknownNamesGiveZero) {
+  struct Case {
+    const char* name;
+    bool known;
+    KroAlerts::DataSchema schema;
+  };
+  const Case cases[] = {
+      {"SYSTEM", true, KroAlerts::SYSTEM},         {"system", true, KroAlerts::SYSTEM},
+      {"System", true, KroAlerts::SYSTEM},         {"job", true, KroAlerts::JOB},
+      {"Net_Domain", true, KroAlerts::NET_DOMAIN}, {"update", true, KroAlerts::UPDATE},
+      {"bios_guid", true, KroAlerts::BIOS_GUID},   {"", false, KroAlerts::UNKNOWN},
+      {"SYSTEMS", false, KroAlerts::UNKNOWN},      {"SYS", false, KroAlerts::UNKNOWN},
+      {"NET DOMAIN", false, KroAlerts::UNKNOWN},   {nullptr, false, KroAlerts::UNKNOWN},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name != nullptr ? c.name : "(null)");
+    KroAlerts::DataSchema schema = KroAlerts::JOB;  // overwritten either way
+    EXPECT_EQ(Schema(c.name, schema), c.known);
+    EXPECT_EQ(schema, c.schema);
+  }
+}
+
+TEST_F(AlertsBridgeTests, GeneratedAlertsNameTheSystemFirstAndAreStoredWithoutAReportClient) {
+  KroAgent agent;
+  ASSERT_EQ(agent.Init(), 0);
+  struct Case {
+    const char* param1;
+    const char* param2;
+    std::vector<std::string> parameters;
+  };
+  const Case cases[] = {
+      {nullptr, nullptr, {"system"}},
+      {"C:", nullptr, {"system", "C:"}},
+      {nullptr, "95%", {"system", "95%"}},
+      {"C:", "95%", {"system", "C:", "95%"}},
+  };
+  unsigned int code = 100;
+  for (const Case& c : cases) {
+    SCOPED_TRACE(code);
+    // Without the main thread there is no dial-home pool to queue the report on; the alert is
+    // kept all the same and waits for a retrieve.
+    EXPECT_NE(agent.GenerateAlert("DiskFull", code, c.param1, c.param2), 0);
+    const auto stored = StoredAlerts(agent);
+    ASSERT_NE(stored, nullptr);
+    const hlp::JsonValue& alert = First(stored);
+    EXPECT_EQ(alert.FindMember("type")->GetString(), "DiskFull");
+    EXPECT_EQ(alert.FindMember("code")->GetUint64(), code);
+    EXPECT_FALSE(alert.FindMember("sent")->GetBool());
+    EXPECT_EQ(Parameters(alert), c.parameters);
+    ++code;
+  }
+  EXPECT_EQ(Alerts(agent)->getAlertCount(1), 4);
+  EXPECT_EQ(agent.Exit(), 0);
+}
+
+TEST_F(AlertsBridgeTests, UpdateAndRemoveFindAlertsByTypeSchemaAndCode) {
+  KroAgent agent;
+  ASSERT_EQ(agent.Init(), 0);
+  agent.GenerateAlert("Service", 7, "spooler", nullptr);
+  agent.GenerateAlert("Service", 8, "dhcp", nullptr);
+  agent.GenerateAlert("Service", 0xFFFFFFFFu, "w32time", nullptr);  // "-1" as the code text
+
+  agent.UpdateAlert("Service", "update", 7);
+  agent.UpdateAlert("Service", "Job", 0xFFFFFFFFu);
+  // The schema decides what a removal matches: 8 still has none, so "system" leaves it.
+  EXPECT_EQ(agent.RemoveAlert("Service", "system", 8), 0);
+  EXPECT_EQ(agent.RemoveAlert("Service", "UPDATE", 7), 0);
+  EXPECT_EQ(agent.RemoveAlert("Service", "job", 0xFFFFFFFFu), 0);
+  EXPECT_EQ(agent.RemoveAlert("NoSuchAlert", "nonsense", 1), 0);
+
+  const auto stored = StoredAlerts(agent);
+  ASSERT_NE(stored, nullptr);
+  ASSERT_EQ(stored->FindMember("alerts")->Size(), 1u);
+  EXPECT_EQ(First(stored).FindMember("code")->GetInt64(), 8);
+  EXPECT_EQ(agent.RemoveAlert("Service", "nonsense", 8), 0);  // unknown schema is 0, as stored
+  EXPECT_EQ(Alerts(agent)->getAlertCount(0), 0);
+  EXPECT_EQ(agent.Exit(), 0);
+}
+
+TEST_F(AlertsBridgeTests, AnAlertRaisedWhileTheServerIsDownGoesWithTheNextGoodReport) {
+  KroAgent agent;
+  ASSERT_EQ(agent.Init(), 0);
+  ASSERT_EQ(agent.MainThreadInit(&agent), 0);
+  kro::DialHome& dialHome = DialHomeOf(agent);
+  dialHome.SetConnectionWaits({300, 100, 2000, 2000});
+
+  // The fixture's management server is down: the report this queues fails and climbs the
+  // retry ladder, and the alert stays queued.
+  ASSERT_EQ(agent.GenerateAlert("DiskFull", 3, "D:", nullptr), 0);
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+  while (dialHome.RetryDelay() == 0 && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  ASSERT_NE(dialHome.RetryDelay(), 0u);
+  EXPECT_EQ(dialHome.AlertQueueSize(), 1u);
+  EXPECT_EQ(Alerts(agent)->getAlertCount(1), 1);
+
+  kro::test::StandIn home;
+  EnrolAt(home.Port());
+  ASSERT_EQ(kro::DialHome::RequestEntry(&dialHome), 0);
+  const std::vector<std::string> reported = ReportedAlerts(home);
+  ASSERT_EQ(reported.size(), 1u);
+  const auto stored = StoredAlerts(agent);
+  ASSERT_NE(stored, nullptr);
+  EXPECT_EQ(IdOf(reported[0]), First(stored).FindMember("id")->GetString());
+  EXPECT_TRUE(First(stored).FindMember("sent")->GetBool());
+  EXPECT_EQ(dialHome.AlertQueueSize(), 0u);
+  EXPECT_EQ(Alerts(agent)->getAlertCount(1), 0);
+
+  EXPECT_EQ(agent.MainThreadCleanup(&agent), 0);
+  EXPECT_EQ(Alerts(agent), nullptr);
+  // Released alerting refuses new alerts instead of reaching a freed manager.
+  EXPECT_EQ(agent.GenerateAlert("DiskFull", 4, nullptr, nullptr), kro::status::NotAvailable);
+  EXPECT_EQ(agent.Exit(), 0);
+}
+
+TEST_F(AlertsBridgeTests, AlertsRaisedBeforeARestartTravelAfterTheRetrieve) {
+  std::string id;
+  {
+    KroAgent before;
+    ASSERT_EQ(before.Init(), 0);
+    before.GenerateAlert("Reboot", 1, "pending", nullptr);
+    const auto stored = StoredAlerts(before);
+    ASSERT_NE(stored, nullptr);
+    id = First(stored).FindMember("id")->GetString();
+    EXPECT_EQ(before.Exit(), 0);
+  }
+
+  kro::test::StandIn home;
+  EnrolAt(home.Port());
+  KroAgent after;
+  ASSERT_EQ(after.Init(), 0);
+  ASSERT_EQ(after.MainThreadInit(&after), 0);
+  kro::DialHome& dialHome = DialHomeOf(after);
+  EXPECT_EQ(dialHome.AlertQueueSize(), 0u);
+  EXPECT_EQ(after.RetrieveAlerts(&after), 0);
+  EXPECT_EQ(dialHome.AlertQueueSize(), 1u);
+  ASSERT_EQ(kro::DialHome::RequestEntry(&dialHome), 0);
+  const std::vector<std::string> reported = ReportedAlerts(home);
+  ASSERT_EQ(reported.size(), 1u);
+  EXPECT_EQ(IdOf(reported[0]), id);
+
+  // Delivered: a second retrieve has nothing left to hand on.
+  EXPECT_EQ(after.RetrieveAlerts(&after), 0);
+  EXPECT_EQ(dialHome.AlertQueueSize(), 0u);
+  EXPECT_EQ(after.MainThreadCleanup(&after), 0);
+  EXPECT_EQ(after.Exit(), 0);
+}
+
+TEST_F(AlertsBridgeTests, CleanupPurgesByTheIntervalReadAtEachRun) {
+  kro::KroAgentConfiguration* config =
+      kro::KroConfigurationManager::Instance().GetAgentConfiguration();
+  ASSERT_NE(config, nullptr);
+  KroAgent agent;
+  ASSERT_EQ(agent.Init(), 0);
+  agent.GenerateAlert("Old", 1, nullptr, nullptr);
+  const int64_t now = static_cast<int64_t>(std::time(nullptr));
+  Alerts(agent)->setClock([now] { return now + 45 * 86400; });
+
+  ASSERT_EQ(config->FromJson(R"({"AlertsCleanupInterval":60})"), 0);
+  EXPECT_EQ(agent.CleanupAlerts(&agent), 0);
+  EXPECT_EQ(Alerts(agent)->getAlertCount(0), 1);
+  ASSERT_EQ(config->FromJson(R"({"AlertsCleanupInterval":30})"), 0);  // the default again
+  EXPECT_EQ(agent.CleanupAlerts(&agent), 0);
+  EXPECT_EQ(Alerts(agent)->getAlertCount(0), 0);
+  EXPECT_EQ(agent.Exit(), 0);
+}
+
+TEST_F(AlertsBridgeTests, ADamagedAlertStoreIsSetAsideAndTheAgentRunsOn) {
+  const std::filesystem::path kesta = install_.Path() / "Kesta";
+  std::filesystem::create_directories(kesta);
+  install_.Write("Kesta/alerts.db", std::string(8192, 'x'));
+  KroAgent agent;
+  ASSERT_EQ(agent.Init(), 0);
+  agent.GenerateAlert("AfterDamage", 1, nullptr, nullptr);
+  EXPECT_EQ(Alerts(agent)->getAlertCount(0), 1);
+  bool setAside = false;
+  for (const auto& entry : std::filesystem::directory_iterator(kesta)) {
+    setAside |= entry.path().filename().string().rfind("alerts.db.corrupt-", 0) == 0;
+  }
+  EXPECT_TRUE(setAside);
+  EXPECT_EQ(agent.Exit(), 0);
+}
+
+TEST_F(AlertsBridgeTests, CallbacksNameTheAgentFolderAndTheSystem) {
+  KroAgent agent;
+  ASSERT_EQ(agent.Init(), 0);
+  AlertAgentCallbacks& callbacks = *Callbacks(agent);
+
+  std::string expectedFolder;
+  kro::WideToUtf8(install_.Path().wstring() + kro::kPathSeparator + L"Kesta", expectedFolder);
+  char folder[1024];
+  EXPECT_EQ(callbacks.GetAgentFolder(folder, sizeof(folder)), 0);
+  EXPECT_EQ(std::string(folder), expectedFolder);
+  char cut[5];
+  EXPECT_EQ(callbacks.GetAgentFolder(cut, sizeof(cut)), 0);
+  EXPECT_EQ(std::string(cut), expectedFolder.substr(0, 4));
+
+  std::string dnsName;
+  ASSERT_EQ(kro::GetComputerNameDns(dnsName), 0);
+  struct Case {
+    const char* registered;  // null: no value
+    bool asString;
+    int result;
+    std::string name;
+  };
+  const Case cases[] = {
+      {nullptr, true, 0, dnsName},
+      {"front-desk-07", true, 0, "front-desk-07"},
+      {"", true, -1, ""},
+      {"front-desk-07", false, 0, dnsName},  // a number where a string belongs
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.registered != nullptr ? c.registered : "(none)");
+    kro::test::ScopedRegistry fresh;
+    if (c.registered != nullptr && c.asString) {
+      std::wstring value;
+      kro::Utf8ToWide(std::string(c.registered), value);
+      kro::RegistryWriteSz(kro::kDialHomeKey, L"SystemName", value, true);
+    } else if (c.registered != nullptr) {
+      kro::WriteRegistryDword(7, kro::kDialHomeKey, L"SystemName");
+    }
+    char name[256] = "unchanged";
+    EXPECT_EQ(callbacks.GetSystemName(name, sizeof(name)), c.result);
+    if (c.result == 0) {
+      EXPECT_EQ(std::string(name), c.name);
+    }
+  }
+  char tiny[2];
+  EXPECT_EQ(callbacks.GetSystemName(tiny, sizeof(tiny)), -1);  // the DNS name does not fit
+  EXPECT_EQ(agent.Exit(), 0);
+}
+
+}  // namespace KroAgent

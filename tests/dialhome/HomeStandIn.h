@@ -1,0 +1,128 @@
+#pragma once
+
+#include <charconv>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "hlp/HttpServerConnection.h"
+#include "hlp/RequestInfo.h"
+#include "hlp/SSLContext.h"
+#include "tests/platform/hlp/HttpTestSupport.h"
+
+// A management server for tests: it reads framed reports and answers as it is told.
+namespace kro::test {
+
+inline std::string Le32(uint32_t v) {
+  return {static_cast<char>(v & 0xFF), static_cast<char>((v >> 8) & 0xFF),
+          static_cast<char>((v >> 16) & 0xFF), static_cast<char>((v >> 24) & 0xFF)};
+}
+
+inline uint32_t ReadLe32(const std::string& bytes, size_t at) {
+  uint32_t v = 0;
+  for (size_t i = 4; i-- > 0;) {
+    v = (v << 8) | static_cast<unsigned char>(bytes[at + i]);
+  }
+  return v;
+}
+
+/** @brief A well-formed reply record around `json` (its zero included). */
+inline std::string Reply(const std::string& json) {
+  const uint32_t payload = static_cast<uint32_t>(json.size() + 1);
+  return Le32(25 + payload) + Le32(9) + Le32(0) + Le32(payload) + std::string("DialHome", 9) +
+         json + std::string(1, '\0');
+}
+
+/** @brief The request record's JSON after checking every header field; "" when malformed. */
+inline std::string UnframeRequest(const std::string& body) {
+  if (body.size() < 29 || ReadLe32(body, 0) != body.size() || ReadLe32(body, 4) != 0 ||
+      ReadLe32(body, 8) != 9 || ReadLe32(body, 12) != 0 || ReadLe32(body, 16) != body.size() - 29 ||
+      body.compare(20, 9, std::string("DialHome", 9)) || body.back() != '\0') {
+    ADD_FAILURE() << "malformed request record of " << body.size() << " bytes";
+    return {};
+  }
+  return body.substr(29, body.size() - 30);
+}
+
+/** @brief The management server: records each request and answers as it is told. */
+class StandIn {
+ public:
+  struct Seen {
+    std::string method, uri, userAgent, body;
+  };
+
+  explicit StandIn(hlp::SSLContext* tls = nullptr)
+      : server_(tls != nullptr ? "0s" : "0", tls, 5000,
+                [this](hlp::HttpServerConnection& c) { Serve(c); }) {}
+  ~StandIn() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    released_ = true;
+    release_.notify_all();
+  }
+
+  uint16_t Port() const { return server_.Port(); }
+  /** @brief Status 0: read requests but never answer them. */
+  void Answer(unsigned status, std::string body) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    status_ = status;
+    body_ = std::move(body);
+  }
+  /** @brief Runs while a request is being answered. */
+  void During(std::function<void()> hook) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    during_ = std::move(hook);
+  }
+  std::vector<Seen> Requests() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return seen_;
+  }
+
+ private:
+  void Serve(hlp::HttpServerConnection& connection) {
+    hlp::RequestInfo request;
+    if (connection.ReadRequest(request) != 0) {
+      return;
+    }
+    const std::string length = request.Header("Content-Length");
+    size_t size = 0;
+    std::from_chars(length.data(), length.data() + length.size(), size);
+    std::string body(size, '\0');
+    if (size > 0 && connection.Read(body.data(), size) != 0) {
+      return;
+    }
+    std::function<void()> during;
+    std::unique_lock<std::mutex> lock(mutex_);
+    seen_.push_back({request.method, request.uri, request.Header("User-Agent"), body});
+    if (status_ == 0) {
+      release_.wait_for(lock, std::chrono::seconds(10), [this] { return released_; });
+      return;
+    }
+    const std::string answer = "HTTP/1.1 " + std::to_string(status_) +
+                               " X\r\nContent-Type: application/octet-stream\r\nContent-Length: " +
+                               std::to_string(body_.size()) + "\r\nConnection: close\r\n\r\n" +
+                               body_;
+    during = during_;
+    lock.unlock();
+    if (during) {
+      during();
+    }
+    connection.Write(answer.data(), answer.size());
+  }
+
+  std::mutex mutex_;
+  std::condition_variable release_;
+  bool released_ = false;
+  unsigned status_ = 200;
+  std::string body_ = Reply(R"({"result":"success"})");
+  std::function<void()> during_;
+  std::vector<Seen> seen_;
+  LiveServer server_;  // last: stops before the state its workers use goes away
+};
+
+}  // namespace kro::test
