@@ -27,4 +27,7 @@ void CaptureStopRequests();
 /** @brief Blocks until a stop request arrives; returns its name ("SIGTERM", "Ctrl+C", ...). */
 std::string WaitForStopRequest();
 
+/** @brief The local wall-clock time as "2024-05-01 14:03:22"; safe on any thread. */
+std::string LocalTimeText();
+
 }  // namespace kro::host

@@ -1,6 +1,7 @@
 #include <dlfcn.h>
 #include <signal.h>
 #include <string.h>
+#include <time.h>
 #include <unistd.h>
 
 #include "host/HostPlatform.h"
@@ -49,6 +50,19 @@ std::string WaitForStopRequest() {
   while (sigwait(&set, &signal) != 0) {
   }
   return signal == SIGINT ? "SIGINT" : "SIGTERM";
+}
+
+std::string LocalTimeText() {
+  // Not localtime: its result is one buffer shared by the whole process, and this runs on the
+  // agent's request workers.
+  const time_t now = time(nullptr);
+  struct tm local = {};
+  char text[32] = {};
+  if (localtime_r(&now, &local) == nullptr ||
+      strftime(text, sizeof(text), "%Y-%m-%d %H:%M:%S", &local) == 0) {
+    return "unknown time";
+  }
+  return text;
 }
 
 }  // namespace kro::host

@@ -1,5 +1,6 @@
 #include <windows.h>
 
+#include <cstdio>
 #include <vector>
 
 #include "host/HostPlatform.h"
@@ -51,6 +52,16 @@ void CaptureStopRequests() {
 std::string WaitForStopRequest() {
   WaitForSingleObject(g_stopEvent, INFINITE);
   return g_stopKind == CTRL_C_EVENT ? "Ctrl+C" : "console close";
+}
+
+std::string LocalTimeText() {
+  SYSTEMTIME local;
+  GetLocalTime(&local);
+  char text[32] = {};
+  std::snprintf(text, sizeof(text), "%04u-%02u-%02u %02u:%02u:%02u", unsigned{local.wYear},
+                unsigned{local.wMonth}, unsigned{local.wDay}, unsigned{local.wHour},
+                unsigned{local.wMinute}, unsigned{local.wSecond});
+  return text;
 }
 
 }  // namespace kro::host

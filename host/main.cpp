@@ -7,21 +7,27 @@
 #include <string>
 
 #include "agent/IKroAgent.h"
+#include "common/KroStatus.h"
 #include "host/HostPlatform.h"
 
 namespace {
 
-constexpr long kOutOfMemory = static_cast<int32_t>(0x80000030u);
-
 constexpr const char* kUsage =
-    "Usage: kroagent [--help] [--version]\n"
+    "Usage: kroagent [--help] [--version] [--demo]\n"
     "\n"
     "Loads the KroAgent module from the folder of this program and runs the agent: its\n"
     "web server, its reports to the management server and its alerts. The agent logs to\n"
     "KroAgent.log beside this program and stops cleanly on Ctrl+C or SIGTERM.\n"
     "\n"
     "  --help     show this text\n"
-    "  --version  print the module's version\n";
+    "  --version  print the module's version\n"
+    "  --demo     also answer /arbalo/Requests/raiseTestAlert.json, which raises a test\n"
+    "             alert (the browser UI's \"Raise test alert\" button)\n";
+
+constexpr const char* kTestAlertRoutine = "/Arbalo/Requests/raiseTestAlert.json";
+constexpr const char* kTestAlertName = "KroAgentTestAlert";
+constexpr unsigned int kTestAlertCode = 9001;
+constexpr const char* kTestAlertOrigin = "Raised from the demo page";
 
 struct Module {
   InitKroAgentFn init = nullptr;
@@ -32,7 +38,7 @@ struct Module {
 };
 
 int Fail(const char* step, long status) {
-  std::fprintf(stderr, "kroagent: %s failed: 0x%08X\n", step, static_cast<uint32_t>(status));
+  std::fprintf(stderr, "kroagent: %s failed: 0x%08X\n", step, kro::status::Bits(status));
   return 1;
 }
 
@@ -61,19 +67,72 @@ bool LoadAgentModule(Module& module) {
          Resolve(handle, "GetKroAgentVersion", module.version);
 }
 
-int Run(const Module& module) {
+/**
+ * @brief Raises one test alert per call, so that an alert can be followed from the page to the
+ * management server. Answers {"result":"success"} or {"result":"failed","status":"0x..."}; the
+ * status is GenerateAlert's, which tells whether the report carrying the alert was queued.
+ */
+long RaiseTestAlert(IKroAgent& agent, const char** response, size_t* responseLen) noexcept {
+  if (response == nullptr || responseLen == nullptr) {
+    return kro::status::NotAvailable;
+  }
+  try {
+    // The time tells one click from the next wherever the alert is shown.
+    const std::string raised = kro::host::LocalTimeText();
+    const long result =
+        agent.GenerateAlert(kTestAlertName, kTestAlertCode, kTestAlertOrigin, raised.c_str());
+    char answer[64] = {};
+    const int length =
+        result == kro::status::Ok
+            ? std::snprintf(answer, sizeof(answer), "{\"result\":\"success\"}")
+            : std::snprintf(answer, sizeof(answer), "{\"result\":\"failed\",\"status\":\"0x%08X\"}",
+                            kro::status::Bits(result));
+    if (length <= 0 || static_cast<size_t>(length) >= sizeof(answer)) {
+      return kro::status::Failure;
+    }
+    // The agent frees the answer, so it comes from the agent's heap.
+    void* buffer = agent.AllocateResponse(static_cast<size_t>(length) + 1);
+    if (buffer == nullptr) {
+      return kro::status::OutOfMemory;
+    }
+    std::memcpy(buffer, answer, static_cast<size_t>(length) + 1);
+    *response = static_cast<const char*>(buffer);
+    *responseLen = static_cast<size_t>(length);
+    return result;
+  } catch (...) {
+    return kro::status::Failure;
+  }
+}
+
+/** @brief Adds the demo's routines; before Start, so no request can race the registration. */
+long RegisterDemoRoutines(IKroAgent& agent) {
+  return agent.RegisterHandler(
+      kTestAlertRoutine,
+      [&agent](const char* /*request*/, size_t /*requestLen*/, const char** response,
+               size_t* responseLen) { return RaiseTestAlert(agent, response, responseLen); });
+}
+
+int Run(const Module& module, bool demo) {
   if (const long status = module.init(); status != 0) {
     return Fail("InitKroAgent", status);
   }
   IKroAgent* agent = module.get();
   if (agent == nullptr) {
     module.deinit();
-    return Fail("GetKroAgent", kOutOfMemory);
+    return Fail("GetKroAgent", kro::status::OutOfMemory);
   }
   if (const long status = agent->Init(); status != 0) {
     module.release(&agent);
     module.deinit();
     return Fail("Init", status);
+  }
+  if (demo) {
+    if (const long status = RegisterDemoRoutines(*agent); status != 0) {
+      agent->Exit();
+      module.release(&agent);
+      module.deinit();
+      return Fail("RegisterHandler", status);
+    }
   }
   if (const long status = agent->Start(); status != 0) {
     agent->Exit();
@@ -82,9 +141,9 @@ int Run(const Module& module) {
     return Fail("Start", status);
   }
 
-  std::fprintf(stderr, "kroagent: KroAgent %s running, agent port %u%s; stop with Ctrl+C\n",
+  std::fprintf(stderr, "kroagent: KroAgent %s running, agent port %u%s%s; stop with Ctrl+C\n",
                module.version(), static_cast<unsigned>(agent->GetAgentPort()),
-               agent->GetAgentSSL() ? " (TLS)" : "");
+               agent->GetAgentSSL() ? " (TLS)" : "", demo ? ", demo routines on" : "");
   const std::string request = kro::host::WaitForStopRequest();
   std::fprintf(stderr, "kroagent: %s received, stopping\n", request.c_str());
 
@@ -99,6 +158,7 @@ int Run(const Module& module) {
 
 int main(int argc, char** argv) {
   bool wantVersion = false;
+  bool demo = false;
   for (int i = 1; i < argc; ++i) {
     if (std::strcmp(argv[i], "--help") == 0 || std::strcmp(argv[i], "-h") == 0) {
       std::fputs(kUsage, stdout);
@@ -106,6 +166,10 @@ int main(int argc, char** argv) {
     }
     if (std::strcmp(argv[i], "--version") == 0) {
       wantVersion = true;
+      continue;
+    }
+    if (std::strcmp(argv[i], "--demo") == 0) {
+      demo = true;
       continue;
     }
     std::fprintf(stderr, "kroagent: unknown argument '%s'\n\n%s", argv[i], kUsage);
@@ -123,5 +187,5 @@ int main(int argc, char** argv) {
     std::printf("%s\n", module.version());
     return 0;
   }
-  return Run(module);
+  return Run(module, demo);
 }

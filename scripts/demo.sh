@@ -73,6 +73,10 @@ KroAgent demo
   try               curl -s http://127.0.0.1:13569/arbalo/Requests/getInstalledProducts.json
   management server http://127.0.0.1:13570/ (a stand-in; the first report arrives 30 s after
                     start and is printed below; then one every hour)
+  alerts            the UI's "Raise test alert" button stores a test alert (the agent runs
+                    with --demo) and the agent reports it at once: the stand-in prints it
+                    below as an "alert" line of the next report, within seconds; the Alerts
+                    card then shows it as delivered after Refresh
   host and module   $demo/bin
   log               $demo/bin/KroAgent.log
   registry          $demo/registry.reg
@@ -80,6 +84,7 @@ KroAgent demo
 Stop with Ctrl+C.
 
 TXT
-# Not exec: the stand-in is stopped when the agent ends.
-"$demo/bin/kroagent" || status=$?
+# Not exec: the stand-in is stopped when the agent ends. --demo adds the routine behind the
+# page's "Raise test alert" button.
+"$demo/bin/kroagent" --demo || status=$?
 exit "${status:-0}"

@@ -6,6 +6,11 @@
   // Relative, so the page works wherever the agent mounts it (normally /arbalo/).
   var STATUS_URL = "Requests/getAgentStatus.json";
   var PRODUCTS_URL = "Requests/getInstalledProducts.json";
+  var ALERTS_URL = "Requests/getAlerts.json";
+  // Present only when the agent runs with --demo; otherwise the agent answers 404.
+  var RAISE_ALERT_URL = "Requests/raiseTestAlert.json";
+  // The store keeps every alert until it is purged; beyond the newest few a table helps nobody.
+  var ALERTS_SHOWN = 50;
   // An agent that accepts the connection but never answers must not leave a card spinning.
   var TIMEOUT_MS = 10000;
 
@@ -42,17 +47,21 @@
     return err;
   }
 
-  // Resolves with the parsed body, or rejects with an error saying what went wrong.
-  function fetchJson(url) {
+  // Resolves with the parsed body, or rejects with an error saying what went wrong; an HTTP
+  // error keeps its status, since a missing routine is told apart from a failing agent by it.
+  function fetchJson(url, method) {
     var controller = typeof AbortController === "function" ? new AbortController() : null;
     var timer = controller ? setTimeout(function () { controller.abort(); }, TIMEOUT_MS) : null;
-    var options = { cache: "no-store", headers: { Accept: "application/json" } };
+    var options = { method: method || "GET", cache: "no-store",
+      headers: { Accept: "application/json" } };
     if (controller) options.signal = controller.signal;
 
     return fetch(url, options).then(function (response) {
       if (!response.ok) {
-        throw reason("the agent answered HTTP " + response.status +
+        var err = reason("the agent answered HTTP " + response.status +
           (response.statusText ? " " + response.statusText : ""));
+        err.status = response.status;
+        throw err;
       }
       return response.text();
     }).then(function (body) {
@@ -230,17 +239,163 @@
     });
   }
 
+  // ---- Alerts card ------------------------------------------------------------------------
+
+  function formatSeconds(value) {
+    if (typeof value !== "number" || !isFinite(value) || value <= 0) return "unknown";
+    var date = new Date(value * 1000);
+    return isNaN(date.getTime()) ? "unknown" : date.toLocaleString();
+  }
+
+  function plural(count, noun) {
+    return count + " " + noun + (count === 1 ? "" : "s");
+  }
+
+  // Every alert the agent raises starts with the parameter "system", which tells an operator
+  // nothing; the rest is what the raiser had to say.
+  function alertParameters(alert) {
+    var list = Array.isArray(alert.parameters) ? alert.parameters.map(text) : [];
+    if (list.length > 0 && list[0].toLowerCase() === "system") list = list.slice(1);
+    return list;
+  }
+
+  function alertRow(alert) {
+    var row = el("tr");
+    var raised = el("td", "raised", formatSeconds(alert.raised));
+    // An updated alert travels to the management server again, so its later time matters too.
+    if (typeof alert.updated === "number" && typeof alert.raised === "number" &&
+        alert.updated > alert.raised) {
+      raised.appendChild(el("span", "sub dim", "updated " + formatSeconds(alert.updated)));
+    }
+    row.appendChild(raised);
+    row.appendChild(el("td", "name", text(alert.type) || "—"));
+    row.appendChild(el("td", "code", text(alert.code) || "—"));
+
+    var parameters = alertParameters(alert);
+    var params = el("td", "params");
+    if (parameters.length > 0) {
+      params.textContent = parameters.join(" · ");
+    } else {
+      params.appendChild(el("span", "dim", "—"));
+    }
+    row.appendChild(params);
+
+    var delivery = el("td", "delivery");
+    var badge = alert.sent === true
+      ? el("span", "badge ok", "Delivered")
+      : el("span", "badge pending", "Pending");
+    badge.title = alert.sent === true
+      ? "The management server has this alert"
+      : "Not yet delivered to the management server";
+    delivery.appendChild(badge);
+    row.appendChild(delivery);
+    return row;
+  }
+
+  function renderAlerts(answer) {
+    if (!isObject(answer) || !Array.isArray(answer.alerts)) {
+      throw new Error("the agent's answer has no alert list");
+    }
+    // Newest first, as the agent lists them.
+    var alerts = answer.alerts.filter(isObject);
+    var body = $("alerts-body");
+    clear(body);
+    alerts.slice(0, ALERTS_SHOWN).forEach(function (alert) {
+      body.appendChild(alertRow(alert));
+    });
+
+    if (alerts.length === 0) {
+      var message = $("alerts-message");
+      message.className = "state empty";
+      message.textContent = "No alerts are stored on this machine.";
+      message.hidden = false;
+      show("alerts-wrap", false);
+      show("alerts-meta", false);
+      return;
+    }
+    var pending = alerts.filter(function (alert) { return alert.sent !== true; }).length;
+    var meta = [alerts.length > ALERTS_SHOWN
+      ? "Showing the newest " + ALERTS_SHOWN + " of " + alerts.length + " alerts"
+      : plural(alerts.length, "alert")];
+    meta.push(pending > 0
+      ? pending + " not yet delivered to the management server"
+      : "all delivered to the management server");
+    setText("alerts-meta", meta.join(" · "));
+    show("alerts-meta", true);
+    show("alerts-message", false);
+    show("alerts-wrap", true);
+  }
+
+  // A refresh and a raised alert can each start a load; only the latest may fill the card.
+  var alertsLoads = 0;
+
+  function loadAlerts() {
+    var ticket = ++alertsLoads;
+    showLoading("alerts-message");
+    show("alerts-wrap", false);
+    show("alerts-meta", false);
+    return fetchJson(ALERTS_URL).then(function (answer) {
+      if (ticket === alertsLoads) renderAlerts(answer);
+    }).catch(function (err) {
+      if (ticket !== alertsLoads) return;
+      show("alerts-wrap", false);
+      show("alerts-meta", false);
+      if (err.status === 404) {
+        // The page came from this agent, so it runs; only its alerts store is missing.
+        var node = $("alerts-message");
+        node.className = "state error";
+        node.textContent = "Could not load the alerts: this agent does not offer them (HTTP 404).";
+        node.hidden = false;
+      } else {
+        showError("alerts-message", "the alerts", err.message);
+      }
+    });
+  }
+
+  function notify(kind, message) {
+    var node = $("alerts-notice");
+    node.className = "notice " + kind;
+    node.textContent = message;
+  }
+
+  function raiseTestAlert() {
+    var button = $("raise-alert");
+    button.disabled = true;
+    notify("info", "Raising a test alert…");
+    return fetchJson(RAISE_ALERT_URL, "POST").then(function (answer) {
+      if (isObject(answer) && answer.result === "success") {
+        notify("ok", "Test alert raised at " + new Date().toLocaleTimeString() +
+          "; the agent reports it to the management server at once. Refresh shows when it " +
+          "has been delivered.");
+      } else {
+        var status = isObject(answer) && text(answer.status)
+          ? " (status " + text(answer.status) + ")" : "";
+        notify("error", "The agent could not raise the test alert" + status + ".");
+      }
+      return loadAlerts();
+    }, function (err) {
+      if (err.status === 404) {
+        notify("info", "Test alerts are available only when the agent runs with --demo.");
+      } else {
+        notify("error", "Could not raise a test alert: " + err.message + ".");
+      }
+    }).then(function () {
+      button.disabled = false;
+    });
+  }
+
   // ---- Page -------------------------------------------------------------------------------
 
   function refresh() {
     var button = $("refresh");
     button.disabled = true;
-    return Promise.all([loadAgent(), loadProducts()]).then(function () {
+    return Promise.all([loadAgent(), loadProducts(), loadAlerts()]).then(function () {
       button.disabled = false;
       setText("updated", "Updated " + new Date().toLocaleTimeString());
     });
   }
 
   $("refresh").addEventListener("click", refresh);
+  $("raise-alert").addEventListener("click", raiseTestAlert);
   refresh();
 })();

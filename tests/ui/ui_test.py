@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """End-to-end check of the browser UI: a real agent in a throw-away installation serves the page,
-headless Chromium runs its JavaScript, and the rendered DOM must show the installed products and
-the agent's version.
+headless Chromium runs its JavaScript, and the rendered DOM must show the installed products, the
+agent's version and the test alert raised through the agent's demo routine just before.
 
 Usage: ui_test.py --bin <folder with kroagent and libKroAgent.so> --ui <source ui folder>
 Exit status 0 on success, 1 on failure (the temporary folder, with the screenshot and the agent's
@@ -31,6 +31,11 @@ STOP_TIMEOUT_S = 20
 BROWSER_TIMEOUT_S = 90
 # Virtual time lets the page's fetches finish before the DOM is dumped, without a real wait.
 VIRTUAL_TIME_MS = 5000
+
+# What the host's demo routine raises (host/main.cpp).
+TEST_ALERT_TYPE = "KroAgentTestAlert"
+TEST_ALERT_CODE = "9001"
+TEST_ALERT_TEXT = "Raised from the demo page"
 
 PRODUCTS_CFG = {
     "products": [
@@ -126,6 +131,26 @@ def wait_for_page(url, agent):
     raise Failure("%s did not answer 200 within %d s (last: %s)" % (url, START_TIMEOUT_S, last))
 
 
+def raise_test_alert(base_url):
+    """POSTs to the demo routine as the page's button does; the agent must report success."""
+    url = base_url + "Requests/raiseTestAlert.json"
+    request = urllib.request.Request(url, data=b"", method="POST")
+    try:
+        with urllib.request.urlopen(request, timeout=10) as response:
+            body = response.read()
+    except urllib.error.HTTPError as e:
+        raise Failure("POST %s answered HTTP %d (is the agent running with --demo?)" %
+                      (url, e.code))
+    except (urllib.error.URLError, OSError) as e:
+        raise Failure("POST %s failed: %s" % (url, getattr(e, "reason", e)))
+    try:
+        answer = json.loads(body)
+    except ValueError:
+        raise Failure("POST %s answered no JSON: %r" % (url, body[:200]))
+    if answer != {"result": "success"}:
+        raise Failure("POST %s answered %r, expected success" % (url, answer))
+
+
 def run_chromium(profile, extra, url):
     args = [CHROMIUM, "--headless", "--no-sandbox", "--disable-gpu",
             "--disable-background-networking", "--disable-component-update", "--disable-sync",
@@ -147,16 +172,17 @@ def run_chromium(profile, extra, url):
 
 
 class PageReader(html.parser.HTMLParser):
-    """Collects the products table's rows, the text of elements by id, and which are hidden."""
+    """Collects the rows of the tables' bodies (by the tbody's id), the text of elements by id,
+    and which are hidden."""
 
     def __init__(self):
         super().__init__()
-        self.rows = []
+        self.rows = {}
         self.texts = {}
         self.hidden = set()
         self.classes = {}
         self._stack = []  # (tag, id or None)
-        self._in_products = False
+        self._body = None
         self._row = None
         self._cell = None
 
@@ -171,9 +197,10 @@ class PageReader(html.parser.HTMLParser):
         if tag in ("br", "img", "input", "meta", "link", "hr"):
             return
         self._stack.append((tag, ident))
-        if ident == "products-body":
-            self._in_products = True
-        elif self._in_products and tag == "tr":
+        if tag == "tbody" and ident:
+            self._body = ident
+            self.rows[ident] = []
+        elif self._body is not None and tag == "tr":
             self._row = []
         elif self._row is not None and tag == "td":
             self._cell = ""
@@ -181,13 +208,13 @@ class PageReader(html.parser.HTMLParser):
     def handle_endtag(self, tag):
         while self._stack:
             open_tag, ident = self._stack.pop()
-            if ident == "products-body":
-                self._in_products = False
+            if open_tag == "tbody":
+                self._body = None
             if open_tag == "td" and self._cell is not None and self._row is not None:
                 self._row.append(" ".join(self._cell.split()))
                 self._cell = None
-            elif open_tag == "tr" and self._row is not None:
-                self.rows.append(self._row)
+            elif open_tag == "tr" and self._row is not None and self._body is not None:
+                self.rows[self._body].append(self._row)
                 self._row = None
             if open_tag == tag:
                 break
@@ -209,21 +236,42 @@ def check_page(dom, version, ui_port):
     page.close()
 
     problems = []
-    for card in ("agent-message", "products-message"):
+    for card in ("agent-message", "products-message", "alerts-message"):
         if card in page.hidden:
             continue
         if "error" in page.classes.get(card, "") or page.text(card):
             problems.append("%s shows: %r" % (card, page.text(card)))
 
+    products = page.rows.get("products-body", [])
     expected = [("Arbalo", version), ("Kesta Optimizer", "3.1.7.2")]
     for name, product_version in expected:
-        matches = [r for r in page.rows if r and r[0] == name]
+        matches = [r for r in products if r and r[0] == name]
         if not matches:
-            problems.append("no products row named %r (rows: %r)" % (name, page.rows))
+            problems.append("no products row named %r (rows: %r)" % (name, products))
         elif len(matches[0]) < 3 or matches[0][2] != product_version:
             problems.append("row %r does not show version %s" % (matches[0], product_version))
-    if len(page.rows) != len(expected):
-        problems.append("expected %d product rows, found %r" % (len(expected), page.rows))
+    if len(products) != len(expected):
+        problems.append("expected %d product rows, found %r" % (len(expected), products))
+
+    # One alert was raised in a fresh installation: one row, with its type, code and text, the
+    # internal "system" parameter left out, and a delivery state (no management server here).
+    alerts = page.rows.get("alerts-body", [])
+    if "alerts-wrap" in page.hidden or len(alerts) != 1:
+        problems.append("expected the alerts table with one row, found %r (hidden: %s)" %
+                        (alerts, "alerts-wrap" in page.hidden))
+    else:
+        row = alerts[0]
+        if len(row) != 5 or row[1:3] != [TEST_ALERT_TYPE, TEST_ALERT_CODE]:
+            problems.append("alert row %r does not show %s, code %s" %
+                            (row, TEST_ALERT_TYPE, TEST_ALERT_CODE))
+        elif not row[3].startswith(TEST_ALERT_TEXT) or "system" in row[3]:
+            problems.append("alert row %r does not show the parameters %r first" %
+                            (row, TEST_ALERT_TEXT))
+        elif row[4] not in ("Pending", "Delivered") or row[0] in ("", "unknown"):
+            problems.append("alert row %r lacks its raised time or delivery state" % (row,))
+    if not page.text("alerts-meta").startswith("1 alert "):
+        problems.append("alerts note reads %r, expected it to count 1 alert" %
+                        page.text("alerts-meta"))
 
     if "agent-facts" in page.hidden:
         problems.append("the agent card's details are hidden")
@@ -286,11 +334,13 @@ def main():
 
         env = dict(os.environ, KRO_REGISTRY_FILE=registry)
         with open(agent_output, "wb") as out:
-            agent = subprocess.Popen([host], cwd=host_dir, env=env, stdout=out,
+            agent = subprocess.Popen([host, "--demo"], cwd=host_dir, env=env, stdout=out,
                                      stderr=subprocess.STDOUT)
 
-        url = "http://%s:%d/arbalo/index.html" % (HOST, ui_port)
+        base_url = "http://%s:%d/arbalo/" % (HOST, ui_port)
+        url = base_url + "index.html"
         wait_for_page(url, agent)
+        raise_test_alert(base_url)
 
         profile = os.path.join(root, "chromium-profile")
         dom = run_chromium(profile, ["--dump-dom"], url)
@@ -306,7 +356,8 @@ def main():
         stop_agent(agent)
         ok = True
         print("PASS: the page lists Arbalo %s and Kesta Optimizer 3.1.7.2, the agent card shows "
-              "%s, and kroagent stopped cleanly" % (version, version))
+              "%s, the alerts table shows the raised %s, and kroagent stopped cleanly" %
+              (version, version, TEST_ALERT_TYPE))
         return 0
     except Failure as e:
         print("FAIL: %s" % e)
