@@ -2,8 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <functional>
 #include <string>
+#include <thread>
 
 #include "agent/KroAgent.h"
 #include "alerts/AlertsManager.h"
@@ -49,6 +51,14 @@ class KroAgentTests : public testing::Test {
       agent.ReleaseResponse(const_cast<char*>(response));
     }
     return status;
+  }
+
+  static bool WaitFor(const std::function<bool()>& condition, std::chrono::seconds limit) {
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    while (!condition() && std::chrono::steady_clock::now() < deadline) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return condition();
   }
 
   // The agent's private parts the alerts tests look at.

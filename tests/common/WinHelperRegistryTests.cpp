@@ -2,6 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -20,15 +23,6 @@ namespace {
 const std::wstring kArbalo = L"SOFTWARE\\Norvane Technologies\\Arbalo";
 const std::wstring kSetup = L"SOFTWARE\\Norvane Technologies\\Arbalo\\Setup";
 
-std::vector<uint8_t> Utf16Bytes(const std::vector<uint16_t>& units) {
-  std::vector<uint8_t> bytes;
-  for (uint16_t unit : units) {
-    bytes.push_back(static_cast<uint8_t>(unit));
-    bytes.push_back(static_cast<uint8_t>(unit >> 8));
-  }
-  return bytes;
-}
-
 class RegistryTests : public testing::Test {
  protected:
   static std::wstring ReadString(const std::wstring& key, const std::wstring& name) {
@@ -41,7 +35,7 @@ class RegistryTests : public testing::Test {
     ReadRegistryNumber(out, key, name);
     return out;
   }
-  // The stored bytes of a value of the `expected` type; empty when it cannot be read.
+  // The stored bytes of a value of the `expected` type.
   static std::vector<uint8_t> Raw(const std::wstring& key, const std::wstring& name,
                                   RegType expected) {
     RegType type = RegType::None;
@@ -57,23 +51,20 @@ class RegistryTests : public testing::Test {
 TEST_F(RegistryTests, StringsRoundTripWithWindowsBytes) {
   struct Case {
     const wchar_t* text;
-    std::vector<uint16_t> units;  // as Windows stores them, terminator included
+    std::vector<uint8_t> bytes;  // as Windows stores them (UTF-16LE, terminator included)
   };
   const Case cases[] = {
-      {L"C:\\Program Files\\Kro", {}},
-      {L"", {0}},
-      {L"say \"hi\" \\ [x] = @", {}},
-      {L"\u00e9\u20ac\U0001F600", {0x00E9, 0x20AC, 0xD83D, 0xDE00, 0}},
+      {L"", {0, 0}},
+      {L"\u00e9\u20ac\U0001F600", {0xE9, 0, 0xAC, 0x20, 0x3D, 0xD8, 0x00, 0xDE, 0, 0}},
+      {L"say \"hi\" \\ [x] = @", {}},  // what the file backend must escape
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(testing::PrintToString(std::wstring(c.text)));
     WriteRegistryString(c.text, kSetup, L"InstallDir");
     EXPECT_EQ(ReadString(kSetup, L"InstallDir"), c.text);
     const std::vector<uint8_t> data = Raw(kSetup, L"InstallDir", RegType::Sz);
-    if (!c.units.empty()) {
-      EXPECT_EQ(data, Utf16Bytes(c.units));
-    } else {
-      EXPECT_EQ(data.size(), (std::wstring(c.text).size() + 1) * 2);
+    if (!c.bytes.empty()) {
+      EXPECT_EQ(data, c.bytes);
     }
   }
 }
@@ -94,7 +85,6 @@ TEST_F(RegistryTests, NumbersAreReadFromText) {
   }
   WriteRegistryNumberAsText(-4096, kArbalo, L"Written");
   EXPECT_EQ(ReadString(kArbalo, L"Written"), L"-4096");
-  EXPECT_EQ(ReadNumber(kArbalo, L"Written"), -4096);
 }
 
 TEST_F(RegistryTests, NamesAreCaseInsensitive) {
@@ -161,33 +151,33 @@ TEST_F(RegistryTests, WriteWithoutCreateNeedsAnExistingKey) {
   EXPECT_EQ(ReadString(dialHome, L"Alternate"), L"backup");
 }
 
-// Threads and, where the registry is a file, processes write at once: no value may be lost.
+// Writers in other processes and in this one at once: no update may overwrite another.
 TEST_F(RegistryTests, ConcurrentWritersAllLand) {
   constexpr uint32_t kValuesEach = 20;
-  const auto writeAll = [](uint32_t writer) {
+  const auto write = [](uint32_t writer) {
     for (uint32_t value = writer * 100; value < writer * 100 + kValuesEach; ++value) {
       WriteRegistryDword(value, kArbalo, L"V" + std::to_wstring(value));
     }
   };
-  const auto writeFromTwoThreads = [&](uint32_t first) {
-    std::thread other(writeAll, first + 1);
-    writeAll(first);
-    other.join();
-  };
-  uint32_t writers = 2;
+  uint32_t writers = 0;
 #ifndef _WIN32
+  // Other processes: only the lock file keeps them from losing each other's updates.
   std::vector<pid_t> children;
-  for (; writers < 6; writers += 2) {
+  for (; writers < 2; ++writers) {
     const pid_t child = fork();
     ASSERT_GE(child, 0);
     if (child == 0) {
-      writeFromTwoThreads(writers);
+      write(writers);
       _exit(0);
     }
     children.push_back(child);
   }
 #endif
-  writeFromTwoThreads(0);
+  // Threads of this process.
+  std::thread other(write, writers);
+  write(writers + 1);
+  other.join();
+  writers += 2;
 #ifndef _WIN32
   for (pid_t child : children) {
     int status = 0;
@@ -203,6 +193,125 @@ TEST_F(RegistryTests, ConcurrentWritersAllLand) {
                                       0, 0}));
     }
   }
+}
+
+// HKEY_LOCAL_MACHINE is a regedit-format file on POSIX only; Windows keeps the real registry.
+class RegistryFileFormatTests : public RegistryTests {
+ protected:
+  void SetUp() override {
+    if (registry_.File().empty()) {
+      GTEST_SKIP() << "HKEY_LOCAL_MACHINE is the system registry here";
+    }
+  }
+  void WriteFile(const std::string& text) const {
+    std::ofstream(registry_.File(), std::ios::binary) << text;
+  }
+  std::string FileText() const { return test::ReadFile(registry_.File()); }
+};
+
+TEST_F(RegistryFileFormatTests, WritesRegeditExportText) {
+  WriteRegistryDword(8443, kArbalo, L"AgentPort");
+  WriteRegistryString(L"C:\\Program Files\\Kro", kSetup, L"InstallDir");
+  WriteRegistryString(L"\u00e9 \"q\"", kArbalo, L"Say \"hi\"");
+  WriteRegistryDword(1, L"software\\norvane technologies\\ARBALO", L"agentport");
+  EXPECT_EQ(FileText(),
+            "Windows Registry Editor Version 5.00\n"
+            "\n"
+            "[HKEY_LOCAL_MACHINE\\SOFTWARE\\Norvane Technologies\\Arbalo]\n"
+            "\"AgentPort\"=dword:00000001\n"
+            "\"Say \\\"hi\\\"\"=\"\xC3\xA9 \\\"q\\\"\"\n"
+            "\n"
+            "[HKEY_LOCAL_MACHINE\\SOFTWARE\\Norvane Technologies\\Arbalo\\Setup]\n"
+            "\"InstallDir\"=\"C:\\\\Program Files\\\\Kro\"\n");
+
+  // Every write renamed its temporary file over the original.
+  std::vector<std::string> names;
+  for (const auto& entry : std::filesystem::directory_iterator(registry_.File().parent_path())) {
+    names.push_back(entry.path().filename().string());
+  }
+  std::sort(names.begin(), names.end());
+  EXPECT_EQ(names, (std::vector<std::string>{"registry.reg", "registry.reg.lock"}));
+}
+
+// The rewrite shows how each value was read: its type and bytes come back in canonical form.
+TEST_F(RegistryFileFormatTests, ReadsEveryValueTypeAndKeepsItOnRewrite) {
+  WriteFile(
+      "\xEF\xBB\xBFWindows Registry Editor Version 5.00\r\n"
+      "\r\n"
+      "[HKEY_LOCAL_MACHINE\\SOFTWARE\\Norvane Technologies\\Arbalo]\r\n"
+      "@=\"default\"\r\n"
+      "\"Blob\"=hex:01,ab,FF\r\n"
+      "\"Path\"=hex(2):25,00,41,00,00,00\r\n"
+      "\"List\"=hex(7):61,00,00,00,\\\r\n"
+      "  62,00,00,00,00,00\r\n"
+      "\"Big\"=hex(b):01,02,03,04,05,06,07,08\r\n"
+      "\"Odd\"=hex(1):41,00\r\n"
+      "\"Port\"=dword:20FB\r\n");
+  EXPECT_EQ(ReadString(kArbalo, L""), L"default");
+
+  WriteRegistryDword(1, kArbalo, L"AgentSSL");
+  EXPECT_EQ(FileText(),
+            "Windows Registry Editor Version 5.00\n"
+            "\n"
+            "[HKEY_LOCAL_MACHINE\\SOFTWARE\\Norvane Technologies\\Arbalo]\n"
+            "@=\"default\"\n"
+            "\"Blob\"=hex:01,ab,ff\n"
+            "\"Path\"=hex(2):25,00,41,00,00,00\n"
+            "\"List\"=hex(7):61,00,00,00,62,00,00,00,00,00\n"
+            "\"Big\"=hex(b):01,02,03,04,05,06,07,08\n"
+            "\"Odd\"=hex(1):41,00\n"
+            "\"Port\"=dword:000020fb\n"
+            "\"AgentSSL\"=dword:00000001\n");
+}
+
+TEST_F(RegistryFileFormatTests, GarbledLinesAreSkipped) {
+  WriteFile(std::string("Windows Registry Editor Version 5.00\n"
+                        "\"Orphan\"=\"before any key\"\n"
+                        "[HKEY_LOCAL_MACHINE\\SOFTWARE\\Norvane Technologies\\Arbalo]\n"
+                        "\"Good1\"=\"one\"\n"
+                        "\"Broken=\n"
+                        "\"Unterminated\"=\"text\n"
+                        "\"BadDword\"=dword:zz\n"
+                        "\"LongDword\"=dword:123456789\n"
+                        "\"BadHex\"=hex:0g,01\n"
+                        "\"BadType\"=hex(q):01\n"
+                        "\"Trailing\"=\"a\" junk\n"
+                        "\"Deleted\"=-\n"
+                        "just words\n") +
+            std::string("\x00\xFF\xFE garbage \x01\n", 14) +
+            "[HKEY_LOCAL_MACHINE\\SOFTWARE\\Norvane Technologies\\Arbalo\\Setup\n"
+            "\"InUnclosedSection\"=\"lost\"\n"
+            "[HKEY_CURRENT_USER\\Software\\Other]\n"
+            "\"OtherHive\"=\"ignored\"\n"
+            "[HKEY_LOCAL_MACHINE\\SOFTWARE\\Norvane Technologies\\Arbalo]\n"
+            "\"Good2\"=dword:00000002\n");
+  EXPECT_EQ(ReadString(kArbalo, L"Good1"), L"one");
+
+  // A rewrite keeps what was readable and nothing else.
+  WriteRegistryString(L"three", kArbalo, L"Good3");
+  EXPECT_EQ(FileText(),
+            "Windows Registry Editor Version 5.00\n"
+            "\n"
+            "[HKEY_LOCAL_MACHINE\\SOFTWARE\\Norvane Technologies\\Arbalo]\n"
+            "\"Good1\"=\"one\"\n"
+            "\"Good2\"=dword:00000002\n"
+            "\"Good3\"=\"three\"\n");
+}
+
+TEST_F(RegistryFileFormatTests, LocationComesFromTheEnvironmentAtEachCall) {
+  test::TempDir other;
+  const std::filesystem::path nested = other.Path() / "new" / "folder" / "registry.reg";
+  test::SetEnv("KRO_REGISTRY_FILE", nested.string().c_str());
+  WriteRegistryDword(3, kArbalo, L"Moved");
+  EXPECT_TRUE(std::filesystem::exists(nested));
+  EXPECT_FALSE(std::filesystem::exists(registry_.File()));
+
+  // A folder that cannot be created: writes fail, reads find nothing, nothing crashes.
+  const std::filesystem::path blocked = other.Write("blocker", "a file") / "registry.reg";
+  test::SetEnv("KRO_REGISTRY_FILE", blocked.string().c_str());
+  EXPECT_EQ(RegistryWriteSz(kArbalo, L"Name", L"value", true), status::RegistryWriteFailed);
+  WriteRegistryDword(4, kArbalo, L"Silent");
+  EXPECT_EQ(ReadString(kArbalo, L"Name"), L"");
 }
 
 }  // namespace

@@ -2,12 +2,9 @@
 
 #include <gtest/gtest.h>
 
-#include <charconv>
 #include <chrono>
-#include <condition_variable>
-#include <functional>
-#include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "common/KroStatus.h"
@@ -27,14 +24,11 @@ namespace {
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 using test::Le32;
-using test::ReadLe32;
 using test::Reply;
 using test::StandIn;
 using test::UnframeRequest;
 
 const std::wstring kSetupKey = L"SOFTWARE\\Norvane Technologies\\Arbalo\\Setup";
-
-// ---- Frames ----------------------------------------------------------------------------------
 
 TEST(DialHomeFrameTests, RequestRecordLayoutIsExact) {
   std::string record;
@@ -62,11 +56,13 @@ TEST(DialHomeFrameTests, AppendRecordRefusesWhatDoesNotFit) {
 
 TEST(DialHomeFrameTests, ReplyRecordRules) {
   const std::string json = R"({"result":"success"})";
-  const std::string good = Reply(json);
-  const std::string tail = std::string("DialHome", 9) + json + std::string(1, '\0');
-  const uint32_t payload = static_cast<uint32_t>(json.size() + 1);
-  std::string unterminated =
-      Le32(25 + 4) + Le32(9) + Le32(0) + Le32(4) + "DIALHOME" + std::string(1, '\0') + "{}}}";
+  const uint32_t n = static_cast<uint32_t>(json.size() + 1);  // the payload with its zero
+  const auto frame = [&json](uint32_t total, uint32_t nameSize, uint32_t third, uint32_t size,
+                             const char* name = "DialHome", std::string payload = "") {
+    return Le32(total) + Le32(nameSize) + Le32(third) + Le32(size) + std::string(name, 9) +
+           (payload.empty() ? json + std::string(1, '\0') : payload);
+  };
+  const std::string good = frame(25 + n, 9, 0, n);
   struct Case {
     const char* name;
     std::string bytes;
@@ -75,33 +71,20 @@ TEST(DialHomeFrameTests, ReplyRecordRules) {
   };
   const Case cases[] = {
       {"well formed", good, status::Ok, json},
-      {"name in another case",
-       Le32(25 + payload) + Le32(9) + Le32(0) + Le32(payload) + std::string("dIALhOME", 9) + json +
-           std::string(1, '\0'),
-       status::Ok, json},
+      {"name in another case", frame(25 + n, 9, 0, n, "dIALhOME"), status::Ok, json},
       {"payload stops at its first zero",
        good.substr(0, 25) + "{}" + std::string(1, '\0') + good.substr(28), status::Ok, "{}"},
-      {"missing zero stays inside the payload", unterminated + "garbage", status::Ok, "{}}}"},
-      {"total above bytes received", Le32(26 + payload) + good.substr(4), status::MalformedData,
-       ""},
-      {"name size not 9", Le32(25 + payload) + Le32(8) + Le32(0) + Le32(payload) + tail,
-       status::MalformedData, ""},
-      {"third field not 0", Le32(25 + payload) + Le32(9) + Le32(1) + Le32(payload) + tail,
-       status::MalformedData, ""},
-      {"negative payload size", Le32(25 + payload) + Le32(9) + Le32(0) + Le32(0x80000000u) + tail,
-       status::MalformedData, ""},
-      {"payload beyond the record",
-       Le32(25 + payload) + Le32(9) + Le32(0) + Le32(payload + 1) + tail + "x",
-       status::MalformedData, ""},
-      {"total below header, name and payload", Le32(24 + payload) + good.substr(4),
-       status::MalformedData, ""},
-      {"wrong name",
-       Le32(25 + payload) + Le32(9) + Le32(0) + Le32(payload) + std::string("DialHoma", 9) + json +
-           std::string(1, '\0'),
-       status::MalformedData, ""},
+      {"missing zero stays inside the payload", frame(29, 9, 0, 4, "DIALHOME", "{}}}garbage"),
+       status::Ok, "{}}}"},
+      {"total above bytes received", frame(26 + n, 9, 0, n), status::MalformedData, ""},
+      {"name size not 9", frame(25 + n, 8, 0, n), status::MalformedData, ""},
+      {"third field not 0", frame(25 + n, 9, 1, n), status::MalformedData, ""},
+      {"negative payload size", frame(25 + n, 9, 0, 0x80000000u), status::MalformedData, ""},
+      {"payload beyond the record", frame(25 + n, 9, 0, n + 1) + "x", status::MalformedData, ""},
+      {"total below header, name and payload", frame(24 + n, 9, 0, n), status::MalformedData, ""},
+      {"wrong name", frame(25 + n, 9, 0, n, "DialHoma"), status::MalformedData, ""},
       {"shorter than the header", good.substr(0, 15), status::MalformedData, ""},
-      {"huge payload size", Le32(25 + payload) + Le32(9) + Le32(0) + Le32(0x7FFFFFFFu) + tail,
-       status::MalformedData, ""},
+      {"huge payload size", frame(25 + n, 9, 0, 0x7FFFFFFFu), status::MalformedData, ""},
   };
   for (const Case& row : cases) {
     SCOPED_TRACE(row.name);
@@ -159,8 +142,6 @@ TEST(DialHomeFrameTests, RetryLadderStopsAtInterval) {
     }
   }
 }
-
-// ---- The client against a stand-in server ------------------------------------------------------
 
 class DialHomeTests : public testing::Test {
  protected:

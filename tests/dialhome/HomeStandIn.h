@@ -1,9 +1,9 @@
 #pragma once
 
-#include <charconv>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <cstdlib>
 #include <functional>
 #include <mutex>
 #include <string>
@@ -11,6 +11,7 @@
 
 #include <gtest/gtest.h>
 
+#include "dialhome/DialHomeFrame.h"
 #include "hlp/HttpServerConnection.h"
 #include "hlp/RequestInfo.h"
 #include "hlp/SSLContext.h"
@@ -24,14 +25,6 @@ inline std::string Le32(uint32_t v) {
           static_cast<char>((v >> 16) & 0xFF), static_cast<char>((v >> 24) & 0xFF)};
 }
 
-inline uint32_t ReadLe32(const std::string& bytes, size_t at) {
-  uint32_t v = 0;
-  for (size_t i = 4; i-- > 0;) {
-    v = (v << 8) | static_cast<unsigned char>(bytes[at + i]);
-  }
-  return v;
-}
-
 /** @brief A well-formed reply record around `json` (its zero included). */
 inline std::string Reply(const std::string& json) {
   const uint32_t payload = static_cast<uint32_t>(json.size() + 1);
@@ -39,15 +32,16 @@ inline std::string Reply(const std::string& json) {
          json + std::string(1, '\0');
 }
 
-/** @brief The request record's JSON after checking every header field; "" when malformed. */
+/**
+ * @brief The request record's JSON; a test failure unless the record is byte for byte the
+ * framing of that JSON (whose layout DialHomeFrameTests pin down).
+ */
 inline std::string UnframeRequest(const std::string& body) {
-  if (body.size() < 29 || ReadLe32(body, 0) != body.size() || ReadLe32(body, 4) != 0 ||
-      ReadLe32(body, 8) != 9 || ReadLe32(body, 12) != 0 || ReadLe32(body, 16) != body.size() - 29 ||
-      body.compare(20, 9, std::string("DialHome", 9)) || body.back() != '\0') {
-    ADD_FAILURE() << "malformed request record of " << body.size() << " bytes";
-    return {};
-  }
-  return body.substr(29, body.size() - 30);
+  const std::string json = body.size() > 29 ? body.substr(29, body.size() - 30) : "";
+  std::string framed;
+  EXPECT_EQ(BuildRequestRecord(json, framed), 0);
+  EXPECT_TRUE(body == framed) << "malformed request record of " << body.size() << " bytes";
+  return json;
 }
 
 /** @brief The management server: records each request and answers as it is told. */
@@ -89,14 +83,10 @@ class StandIn {
     if (connection.ReadRequest(request) != 0) {
       return;
     }
-    const std::string length = request.Header("Content-Length");
-    size_t size = 0;
-    std::from_chars(length.data(), length.data() + length.size(), size);
-    std::string body(size, '\0');
-    if (size > 0 && connection.Read(body.data(), size) != 0) {
+    std::string body(std::strtoul(request.Header("Content-Length").c_str(), nullptr, 10), '\0');
+    if (!body.empty() && connection.Read(body.data(), body.size()) != 0) {
       return;
     }
-    std::function<void()> during;
     std::unique_lock<std::mutex> lock(mutex_);
     seen_.push_back({request.method, request.uri, request.Header("User-Agent"), body});
     if (status_ == 0) {
@@ -107,7 +97,7 @@ class StandIn {
                                " X\r\nContent-Type: application/octet-stream\r\nContent-Length: " +
                                std::to_string(body_.size()) + "\r\nConnection: close\r\n\r\n" +
                                body_;
-    during = during_;
+    const std::function<void()> during = during_;
     lock.unlock();
     if (during) {
       during();

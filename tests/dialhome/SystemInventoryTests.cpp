@@ -25,7 +25,7 @@ uint32_t Le(const char* four) {
   return value;
 }
 
-/** @brief Registers as a hypervisor with this 12-byte vendor text answers leaf 0x40000000. */
+/** @brief Leaf 0x40000000 of a hypervisor with this 12-byte vendor text. */
 CpuidRegisters VendorLeaf(const char (&vendor)[13]) {
   return {0x40000005, Le(vendor), Le(vendor + 4), Le(vendor + 8)};
 }
@@ -83,41 +83,30 @@ TEST_F(SystemInventoryTests, WindowsVersionKeepsTheWholeBuild) {
 }
 
 TEST_F(SystemInventoryTests, HypervisorClassification) {
-  const CpuidRegisters withLeaf1 = {1, 0, 0, 0};
-  const CpuidRegisters hypervisorBit = {0, 0, 1u << 31, 0};
-  const CpuidRegisters rootPartition = {0, 1, 0, 0};
+  // A machine whose leaf 1 sets the hypervisor bit; `vendor` answers leaf 0x40000000 and
+  // `root` marks the Hyper-V root partition in leaf 0x40000003.
+  const auto guest = [](const char(&vendor)[13], bool root = false) {
+    std::map<uint32_t, CpuidRegisters> leaves = {
+        {0, {1, 0, 0, 0}}, {1, {0, 0, 1u << 31, 0}}, {0x40000000, VendorLeaf(vendor)}};
+    if (root) {
+      leaves[0x40000003] = {0, 1, 0, 0};
+    }
+    return leaves;
+  };
   struct Case {
     const char* what;
     std::map<uint32_t, CpuidRegisters> leaves;
     KroAgent::SystemType expected;
   };
   const Case cases[] = {
-      {"no hypervisor bit", {{0, withLeaf1}, {1, {}}}, KroAgent::Physical},
-      {"no leaf 1", {{0, {0, 0, 0, 0}}, {1, hypervisorBit}}, KroAgent::Physical},
-      {"Hyper-V guest",
-       {{0, withLeaf1}, {1, hypervisorBit}, {0x40000000, VendorLeaf("Microsoft Hv")}},
-       KroAgent::HyperV},
-      {"Hyper-V root",
-       {{0, withLeaf1},
-        {1, hypervisorBit},
-        {0x40000000, VendorLeaf("Microsoft Hv")},
-        {0x40000003, rootPartition}},
-       KroAgent::Physical},
-      {"VMware ignores the Hyper-V leaf",
-       {{0, withLeaf1},
-        {1, hypervisorBit},
-        {0x40000000, VendorLeaf("VMwareVMware")},
-        {0x40000003, rootPartition}},
-       KroAgent::VMware},
-      {"Xen",
-       {{0, withLeaf1}, {1, hypervisorBit}, {0x40000000, VendorLeaf("XenVMMXenVMM")}},
-       KroAgent::Xen},
-      {"KVM",
-       {{0, withLeaf1}, {1, hypervisorBit}, {0x40000000, VendorLeaf("KVMKVMKVM\0\0\0")}},
-       KroAgent::KVM},
-      {"unknown vendor",
-       {{0, withLeaf1}, {1, hypervisorBit}, {0x40000000, VendorLeaf("TCGTCGTCGTCG")}},
-       KroAgent::Virtual},
+      {"no hypervisor bit", {{0, {1, 0, 0, 0}}, {1, {}}}, KroAgent::Physical},
+      {"no leaf 1", {{0, {}}, {1, {0, 0, 1u << 31, 0}}}, KroAgent::Physical},
+      {"Hyper-V guest", guest("Microsoft Hv"), KroAgent::HyperV},
+      {"Hyper-V root", guest("Microsoft Hv", true), KroAgent::Physical},
+      {"VMware ignores the Hyper-V leaf", guest("VMwareVMware", true), KroAgent::VMware},
+      {"Xen", guest("XenVMMXenVMM"), KroAgent::Xen},
+      {"KVM", guest("KVMKVMKVM\0\0\0"), KroAgent::KVM},
+      {"unknown vendor", guest("TCGTCGTCGTCG"), KroAgent::Virtual},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.what);
@@ -146,39 +135,23 @@ TEST_F(SystemInventoryTests, TopologyCountsPackagesCoresAndMaskBits) {
 }
 
 TEST_F(SystemInventoryTests, JsonHasFixedMemberOrderAndReadsBack) {
-  inventory_.systemName = "host-a";
-  inventory_.systemType = KroAgent::VMware;
-  inventory_.systemArchitecture = 9;
-  inventory_.processorPackages = 1;
-  inventory_.processorCores = 4;
-  inventory_.processorThreads = 8;
-  inventory_.windowsVersion = 0x0A004A65;
-  inventory_.windowsType = 3;
-  inventory_.windowsProductName = L"Windows Server \u00e9";
-  inventory_.totalMemory = 0x1234567890ABCDEFull;
-  inventory_.availableMemory = 1024;
-  inventory_.agentVersion = 0x07000DE0;
-  inventory_.agentPort = 13568;
-  inventory_.agentUseSSL = true;
-  inventory_.productPort = 443;
-
-  const std::string json = WriteJson(inventory_, 0x0E);
-  EXPECT_EQ(json,
-            "{\"System\":{\"SystemName\":\"host-a\",\"NewSystemName\":\"\",\"SystemType\":4,"
-            "\"SystemArchitecture\":9,\"ProcessorPackages\":1,\"ProcessorCores\":4,"
-            "\"ProcessorThreads\":8,\"WindowsVersion\":167791205,\"WindowsType\":3,"
-            "\"WindowsProductName\":\"Windows Server \xC3\xA9\","
-            "\"TotalMemory\":\"1311768467294899695\",\"AvailableMemory\":\"1024\"},"
-            "\"Agent\":{\"Version\":117444064,\"Port\":13568,\"UseSSL\":true},"
-            "\"Product\":{\"Version\":0,\"Port\":443,\"UseSSL\":false}}");
+  // Every value distinct, so that a member read into or written from the wrong field shows.
+  const std::string json =
+      "{\"System\":{\"SystemName\":\"host-a\",\"NewSystemName\":\"\",\"SystemType\":4,"
+      "\"SystemArchitecture\":9,\"ProcessorPackages\":1,\"ProcessorCores\":4,"
+      "\"ProcessorThreads\":8,\"WindowsVersion\":167791205,\"WindowsType\":3,"
+      "\"WindowsProductName\":\"Windows Server \xC3\xA9\","
+      "\"TotalMemory\":\"1311768467294899695\",\"AvailableMemory\":\"1024\"},"
+      "\"Agent\":{\"Version\":117444064,\"Port\":13568,\"UseSSL\":true},"
+      "\"Product\":{\"Version\":0,\"Port\":443,\"UseSSL\":false}}";
+  hlp::JsonReader reader(json);
+  ASSERT_EQ(inventory_.ReadInventoryJson(reader), status::Ok);
+  EXPECT_EQ(inventory_.flags, 0x0Eu);
+  EXPECT_EQ(inventory_.windowsProductName, L"Windows Server \u00e9");
+  EXPECT_EQ(inventory_.totalMemory, 0x1234567890ABCDEFull);
+  EXPECT_EQ(WriteJson(inventory_, 0x0E), json);
   EXPECT_EQ(WriteJson(inventory_, SystemInventory::kAgent),
             "{\"Agent\":{\"Version\":117444064,\"Port\":13568,\"UseSSL\":true}}");
-
-  hlp::JsonReader reader(json);
-  SystemInventory back;
-  ASSERT_EQ(back.ReadInventoryJson(reader), status::Ok);
-  EXPECT_EQ(back.flags, 0x0Eu);
-  EXPECT_EQ(WriteJson(back, 0x0E), json);
 }
 
 TEST_F(SystemInventoryTests, ReadingSkipsUnknownAndRefusesWrongTypes) {
@@ -275,12 +248,9 @@ TEST_F(SystemInventoryTests, AgentAndProductShareTheSetupVersion) {
   ASSERT_EQ(RegistryWriteSz(kSetup, L"ProductVersion", L"6.2.300.7", true), status::Ok);
   ASSERT_EQ(inventory_.Gather(SystemInventory::kAgent | SystemInventory::kProduct), status::Ok);
   EXPECT_EQ(inventory_.flags, SystemInventory::kAgent | SystemInventory::kProduct);
-  EXPECT_EQ(inventory_.agentVersion, 0x060212C7u);
-  EXPECT_EQ(inventory_.productVersion, 0x060212C7u);
-  EXPECT_EQ(inventory_.agentPort, 14000);
-  EXPECT_FALSE(inventory_.agentUseSSL);
-  EXPECT_EQ(inventory_.productPort, 15000);
-  EXPECT_TRUE(inventory_.productUseSSL);
+  EXPECT_EQ(WriteJson(inventory_, SystemInventory::kAgent | SystemInventory::kProduct),
+            R"({"Agent":{"Version":100799175,"Port":14000,"UseSSL":false},)"
+            R"("Product":{"Version":100799175,"Port":15000,"UseSSL":true}})");
 
   ASSERT_EQ(RegistryWriteSz(kSetup, L"ProductVersion", L"", true), status::Ok);
   EXPECT_EQ(inventory_.Gather(SystemInventory::kAgent), status::NotAvailable);

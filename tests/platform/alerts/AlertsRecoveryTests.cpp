@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -112,27 +114,21 @@ TEST_F(AlertsRecoveryTests, KilledWriterLosesNoReportedAlert) {
   }
   close(pipeFds[1]);
 
-  std::string received;
+  // One short write per id, so each line arrives whole.
+  FILE* reported = fdopen(pipeFds[0], "r");
+  ASSERT_NE(reported, nullptr);
   std::vector<std::string> ids;
-  bool killed = false;
-  char chunk[512];
-  ssize_t n;
-  while ((n = read(pipeFds[0], chunk, sizeof(chunk))) > 0) {
-    received.append(chunk, static_cast<size_t>(n));
-    for (size_t end; (end = received.find('\n')) != std::string::npos;) {
-      ids.push_back(received.substr(0, end));
-      received.erase(0, end + 1);
-    }
-    if (!killed && ids.size() >= kBeforeKill) {
+  for (char line[64]; std::fgets(line, sizeof(line), reported) != nullptr;) {
+    ids.emplace_back(line, std::strcspn(line, "\n"));
+    if (ids.size() == kBeforeKill) {
       kill(child, SIGKILL);
-      killed = true;
     }
   }
-  close(pipeFds[0]);
+  std::fclose(reported);
   int childStatus = 0;
   ASSERT_EQ(waitpid(child, &childStatus, 0), child);
-  ASSERT_TRUE(killed) << "the writer stopped by itself after " << ids.size() << " alerts";
-  ASSERT_TRUE(WIFSIGNALED(childStatus));
+  ASSERT_TRUE(WIFSIGNALED(childStatus))
+      << "the writer stopped by itself after " << ids.size() << " alerts";
 
   auto manager = kro::test::OpenAlerts(callbacks_, dir_.Path(), routines_);
   ASSERT_NE(manager, nullptr);

@@ -6,6 +6,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "alerts/AlertsAgentInterface.h"
@@ -23,29 +24,16 @@ class RecordingCallbacks : public KroAlerts::AlertsAgentInterface {
     std::lock_guard<std::mutex> guard(lock_);
     payloads_.emplace_back(payload);
   }
-  int GetAgentFolder(char* buffer, size_t bufferSize) override {
-    return Copy(folder, buffer, bufferSize);
-  }
-  int GetSystemName(char* buffer, unsigned int bufferSize) override {
-    return Copy("test-host", buffer, bufferSize);
-  }
+  // The tests always name the folder; the library never asks for the machine's name.
+  int GetAgentFolder(char*, size_t) override { return -1; }
+  int GetSystemName(char*, unsigned int) override { return -1; }
 
   std::vector<std::string> Take() {
     std::lock_guard<std::mutex> guard(lock_);
-    return std::move(payloads_);
+    return std::exchange(payloads_, {});
   }
-
-  std::string folder;
 
  private:
-  static int Copy(const std::string& text, char* buffer, size_t size) {
-    if (size == 0 || text.size() >= size) {
-      return -1;
-    }
-    text.copy(buffer, text.size());
-    buffer[text.size()] = '\0';
-    return 0;
-  }
   std::mutex lock_;
   std::vector<std::string> payloads_;
 };
@@ -63,6 +51,13 @@ inline std::unique_ptr<KroAlerts::AlertsManager, void (*)(KroAlerts::AlertsManag
     manager->start(0);
   }
   return {manager, &KroAlerts::AlertsManager::cleanup};
+}
+
+/** @brief One member of a JSON object as compact JSON text; "(none)" when absent. */
+inline std::string Member(const std::string& json, const char* name) {
+  const std::unique_ptr<hlp::JsonValue> root = hlp::JsonParser().Parse(json);
+  const hlp::JsonValue* member = root ? root->FindMember(name) : nullptr;
+  return member != nullptr ? member->ToString() : "(none)";
 }
 
 /** @brief The "id" member of one payload, or empty. */

@@ -13,18 +13,17 @@ namespace {
 class LoggingSupportTests : public testing::Test {
  protected:
   void SetUp() override {
-    file_ = dir_.Path() / "product.log";
-    ASSERT_TRUE(logging_support::create_logger_for_product(logger_, "LogTest", file_));
+    ASSERT_TRUE(logging_support::create_logger_for_product(logger_, "LogTest", File()));
     logging_support::set_logger_for_thread(logger_);
   }
   void TearDown() override {
     logging_support::change_severity_cutoff(0);
     logging_support::remove_product_sink("LogTest");
   }
-  std::string Log() const { return kro::test::ReadFile(file_); }
+  std::filesystem::path File() const { return dir_.Path() / "product.log"; }
+  std::string Log() const { return kro::test::ReadFile(File()); }
 
   kro::test::TempDir dir_;
-  std::filesystem::path file_;
   logging_support::logger_type logger_;
 };
 
