@@ -1,8 +1,10 @@
 #!/usr/bin/env bash
 # Serves the same 4 KiB file, and a tiny answer, from a release agent and from nginx (one
 # worker, no access log) on loopback, loads both with wrk (-t2 -c32 -d10s, keep-alive) three
-# times each, and prints the median requests/s, the median p99 latency and the agent/nginx
-# ratio; before that the freshly started agent's idle RSS and CPU over 30 s.
+# times each, and prints the median requests/s, the median p99 latency, the server's median CPU
+# time per request and the agent/nginx ratio; before that the freshly started agent's idle RSS
+# and CPU over 30 s. The CPU per request moves much less than requests/s when the machine is
+# busy with something else.
 #
 #   bench/http_bench.sh            (installs nginx-light and wrk when missing)
 #
@@ -75,17 +77,25 @@ nginx_pid=$!
 for url in "http://127.0.0.1:$ui_port/arbalo/bench.txt" "http://127.0.0.1:$nginx_port/arbalo/bench.txt"; do
   for _ in $(seq 100); do curl -sf -o /dev/null "$url" && break; sleep 0.1; done
 done
+nginx_worker=$(pgrep -P "$nginx_pid" | head -n 1)
 
 cat >"$work/post.lua" <<'LUA'
 wrk.method = "POST"
 wrk.body = "GetRoleVer"
 LUA
 
-# run_wrk URL [SCRIPT]: prints "requests/s p99-ms" of one run
+# CPU ticks (user + system) a process has used so far.
+ticks() { awk '{print $14 + $15}' "/proc/$1/stat"; }
+
+# run_wrk URL PID [SCRIPT]: prints "requests/s p99-ms server-CPU-us-per-request" of one run
 run_wrk() {
-  local out
-  out=$(wrk -t2 -c32 -d10s --latency ${2:+-s "$2"} "$1")
-  awk '/Requests\/sec/ {rps=$2} /^ +99%/ {v=$2; if (v ~ /us$/) {sub(/us/,"",v); v/=1000} else if (v ~ /ms$/) {sub(/ms/,"",v)} else if (v ~ /s$/) {sub(/s/,"",v); v*=1000} p99=v} END {printf "%.0f %.2f\n", rps, p99}' <<<"$out"
+  local out t0 t1
+  t0=$(ticks "$2")
+  out=$(wrk -t2 -c32 -d10s --latency ${3:+-s "$3"} "$1")
+  t1=$(ticks "$2")
+  awk -v t=$((t1 - t0)) -v hz="$(getconf CLK_TCK)" '/Requests\/sec/ {rps=$2} /requests in/ {n=$1}
+    /^ +99%/ {v=$2; if (v ~ /us$/) {sub(/us/,"",v); v/=1000} else if (v ~ /ms$/) {sub(/ms/,"",v)} else if (v ~ /s$/) {sub(/s/,"",v); v*=1000} p99=v}
+    END {printf "%.0f %.2f %.1f\n", rps, p99, n ? t * 1e6 / hz / n : 0}' <<<"$out"
 }
 median() { sort -n | awk '{a[NR]=$1} END {print a[int((NR+1)/2)]}'; }
 
@@ -93,22 +103,23 @@ median() { sort -n | awk '{a[NR]=$1} END {print a[int((NR+1)/2)]}'; }
 compare() {
   local label=$1 agent=$2 nginx=$3 script=${4:-} a=() n=()
   for _ in 1 2 3; do
-    a+=("$(run_wrk "$agent" "$script")")
-    n+=("$(run_wrk "$nginx" "$script")")
+    a+=("$(run_wrk "$agent" "$agent_pid" "$script")")
+    n+=("$(run_wrk "$nginx" "$nginx_worker" "$script")")
   done
-  local ar ap nr np
+  local ar ap ac nr np nc
   ar=$(printf '%s\n' "${a[@]}" | cut -d' ' -f1 | median); ap=$(printf '%s\n' "${a[@]}" | cut -d' ' -f2 | median)
+  ac=$(printf '%s\n' "${a[@]}" | cut -d' ' -f3 | median)
   nr=$(printf '%s\n' "${n[@]}" | cut -d' ' -f1 | median); np=$(printf '%s\n' "${n[@]}" | cut -d' ' -f2 | median)
-  printf '%-22s agent %8s req/s p99 %6s ms | nginx %8s req/s p99 %6s ms | ratio %s\n' \
-    "$label" "$ar" "$ap" "$nr" "$np" "$(awk -v a="$ar" -v b="$nr" 'BEGIN{printf "%.2f", a/b}')"
+  nc=$(printf '%s\n' "${n[@]}" | cut -d' ' -f3 | median)
+  printf '%-20s agent %7s req/s p99 %5s ms %5s us/req | nginx %7s req/s p99 %5s ms %5s us/req | ratio %s\n' \
+    "$label" "$ar" "$ap" "$ac" "$nr" "$np" "$nc" "$(awk -v a="$ar" -v b="$nr" 'BEGIN{printf "%.2f", a/b}')"
 }
 
 rss_mb() { awk '/VmRSS/ {printf "%.1f", $2 / 1024}' "/proc/$agent_pid/status"; }
 
 # Idle first, as a freshly started agent sits on a machine (it has answered one request).
 echo "== idle agent over 30 s"
-ticks() { awk '{print $14 + $15}' "/proc/$agent_pid/stat"; }
-t0=$(ticks); sleep 30; t1=$(ticks)
+t0=$(ticks "$agent_pid"); sleep 30; t1=$(ticks "$agent_pid")
 awk -v t="$((t1 - t0))" -v hz="$(getconf CLK_TCK)" -v rss="$(rss_mb)" \
   'BEGIN {printf "idle CPU %.3f%% of a core, RSS %s MB\n", 100 * t / hz / 30, rss}'
 

@@ -4,7 +4,6 @@
 #include <filesystem>
 #include <fstream>
 #include <new>
-#include <system_error>
 
 #include "common/KroStatus.h"
 #include "common/WinHelper.h"
@@ -44,6 +43,7 @@ constexpr uintmax_t kMaxFileBytes = 256ull * 1024 * 1024;
 }  // namespace
 
 long AnswerBuffer::Allocate(size_t size) {
+  shared.reset();
   data.reset(new (std::nothrow) char[size]);
   capacity = data != nullptr ? size : 0;
   length = 0;
@@ -117,7 +117,10 @@ long PrependAnswerHeader(AnswerBuffer& answer, std::string_view contentType) {
 
 BrowserRouter::BrowserRouter(const KroAgent::RoutineTable* routines, std::wstring uiFolder,
                              uint32_t reportsSetting)
-    : routines_(routines), uiFolder_(std::move(uiFolder)), reportsSetting_(reportsSetting) {}
+    : routines_(routines),
+      uiFolder_(std::move(uiFolder)),
+      reportsSetting_(reportsSetting),
+      cache_(std::make_unique<FileCache>()) {}
 
 long BrowserRouter::ServeBrowserRequest(std::string_view uri, const char* body, size_t bodyLength,
                                         bool agent, AnswerBuffer& answer) const {
@@ -184,17 +187,24 @@ long BrowserRouter::ServeFile(std::string_view uri, bool agent, AnswerBuffer& an
   if (uiFolder_.empty()) {
     return status::FileOpenFailed;
   }
+  if (auto kept = cache_->Find(agent, uri); kept != nullptr) {
+    answer.data.reset();
+    answer.capacity = 0;
+    answer.length = 0;
+    answer.shared = std::move(kept);
+    return status::Ok;
+  }
   std::wstring path;
   if (const long st = MapUriToFile(uri, agent, path); st != status::Ok) {
     return st;
   }
-  std::error_code ec;
   const std::filesystem::path file(path);
-  if (!std::filesystem::is_regular_file(file, ec)) {
+  FileStamp stamp;
+  if (!ReadFileStamp(file, stamp) || !stamp.regular) {
     return status::FileOpenFailed;
   }
-  const uintmax_t size = std::filesystem::file_size(file, ec);
-  if (ec || size > kMaxFileBytes) {
+  const uintmax_t size = stamp.size;
+  if (size > kMaxFileBytes) {
     return status::FileReadFailed;
   }
   std::ifstream in(file, std::ios::binary);
@@ -210,7 +220,11 @@ long BrowserRouter::ServeFile(std::string_view uri, bool agent, AnswerBuffer& an
     return status::FileReadFailed;
   }
   answer.length = static_cast<size_t>(size);
-  return PrependAnswerHeader(answer, ContentTypeFor(uri));
+  const long st = PrependAnswerHeader(answer, ContentTypeFor(uri));
+  if (st == status::Ok) {
+    cache_->Store(agent, uri, file, stamp, answer.View());
+  }
+  return st;
 }
 
 long BrowserRouter::ServeRoutine(std::string_view uri, const char* body, size_t bodyLength,

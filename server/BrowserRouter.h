@@ -7,21 +7,32 @@
 #include <string_view>
 
 #include "agent/RoutineTable.h"
+#include "server/FileCache.h"
 
 namespace kro {
 
 /** @brief Room kept in front of a routine's answer for the header. */
 inline constexpr size_t kAnswerHeaderRoom = 256;
 
-/** @brief A complete HTTP answer being built: the body first, then the header put before it. */
+/**
+ * @brief A complete HTTP answer being built: the body first, then the header put before it.
+ * An answer kept by the file cache is shared instead of copied.
+ */
 struct AnswerBuffer {
   std::unique_ptr<char[]> data;
   size_t capacity = 0;
   size_t length = 0;
+  /** @brief When set, the whole answer, in place of `data`. */
+  std::shared_ptr<const std::string> shared;
 
   /** @brief A fresh buffer of `size` bytes; 8 (out of memory) when it cannot be had. */
   long Allocate(size_t size);
-  std::string_view View() const { return {data.get(), data != nullptr ? length : 0}; }
+  std::string_view View() const {
+    if (shared != nullptr) {
+      return *shared;
+    }
+    return {data.get(), data != nullptr ? length : 0};
+  }
 };
 
 /**
@@ -68,6 +79,7 @@ class BrowserRouter {
   const KroAgent::RoutineTable* routines_;
   std::wstring uiFolder_;
   uint32_t reportsSetting_;
+  std::unique_ptr<FileCache> cache_;
 };
 
 }  // namespace kro

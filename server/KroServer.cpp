@@ -20,6 +20,11 @@ constexpr const char* kPollWorkItem = "WorkItemServerPoll";
 // every poll; a port change waits at most that many polls.
 constexpr uint32_t kPollsPerRestartCheck = 0x100;
 
+// How long an idle poll of the running server may sleep. Nothing but a port change or a stop
+// needs the server thread while no connection arrives, and both shorten the wait first (which
+// wakes the poll); this bound only limits how long a stop that did not is left unnoticed.
+constexpr uint32_t kIdlePollWaitMs = 1000;
+
 /** @brief The port list string and whether a port in it speaks TLS. */
 long FormatListeningPorts(const std::vector<ServerEndpoint>& endpoints, std::string& ports,
                           bool& hasTls) {
@@ -134,6 +139,8 @@ long KroServer::ChangePorts(const std::vector<ServerEndpoint>& endpoints) {
       return st;
     }
     restartPending_ = 1;
+    // The polls up to the restart check then run without waiting.
+    SetIdleWait(0);
     restarted_.wait(guard, [this] { return restartPending_ == 0 || !pollLoopRunning_; });
     return status::Ok;
   } catch (...) {
@@ -150,6 +157,8 @@ long KroServer::ChangePorts(uint16_t port, bool tls) {
 }
 
 long KroServer::Shutdown() {
+  // Back to short polls, so that the poll loop sees the stop request at once.
+  SetIdleWait(hlp::kDefaultIdleWaitMs);
   nvthreads_pool_shutdown(poolName_);
   nvthreads_pool_cleanup(poolName_);
   poolCreated_ = false;
@@ -237,6 +246,7 @@ long KroServer::ServerThreadInit(void* context) {
     }
     std::lock_guard<std::mutex> guard(server->lock_);
     server->pollLoopRunning_ = true;
+    server->SetIdleWait(kIdlePollWaitMs);
     return status::Ok;
   } catch (...) {
     return status::Failure;
@@ -277,6 +287,7 @@ long KroServer::RunPollLoop() {
     }
     restartPending_ = 0;
     const long restarted = Restart(listeningPorts_);
+    SetIdleWait(kIdlePollWaitMs);
     guard.unlock();
     restarted_.notify_all();
     if (restarted != status::Ok) {

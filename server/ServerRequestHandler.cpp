@@ -11,6 +11,7 @@
 #include "nvthreads/nvthreads.h"
 #include "server/KroServer.h"
 #include "server/RequestChecks.h"
+#include "server/ThreadPriority.h"
 
 namespace kro {
 namespace {
@@ -122,6 +123,12 @@ long ServerRequestHandler::RequestHandlerInit(void* context) {
   try {
     ServerRequestHandler& handler = *connection->handler;
     handler.server_->InstallLogger();
+    // Once per worker: the pool's threads serve nothing but connections.
+    thread_local bool deferred = false;
+    if (!deferred) {
+      DeferWakeUpPreemption();
+      deferred = true;
+    }
     if (handler.server_->GetState() == kServerRunning) {
       auto served = std::make_unique<hlp::HttpServerConnection>(handler.server_);
       served->SetClient(connection->socket);
@@ -249,8 +256,9 @@ long ServerRequestHandler::ServeBrowser(hlp::HttpServerConnection& connection, s
   if (router_.ServeBrowserRequest(uri, body.data(), body.size(), IsAgent(), answer) != status::Ok) {
     return connection.SendHttpError(404, "Not Found", "%s", "File not found");
   }
-  const long st = connection.Write(answer.data.get(), answer.length);
-  sessions_.UpdateSession(address, uri, answer.View());
+  const std::string_view whole = answer.View();
+  const long st = connection.Write(whole.data(), whole.size());
+  sessions_.UpdateSession(address, uri, whole);
   return st;
 }
 

@@ -1,5 +1,6 @@
 #include "server/ThreadPriority.h"
 
+#include <sched.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -33,6 +34,14 @@ bool RaiseThreadPriority(int& saved) {
 
 void RestoreThreadPriority(int saved) {
   setpriority(PRIO_PROCESS, CurrentThreadId(), saved);
+}
+
+void DeferWakeUpPreemption() {
+#ifdef SCHED_BATCH
+  // Needs no privilege; the nice value, and so RaiseThreadPriority, still applies.
+  const sched_param parameters{};
+  sched_setscheduler(0, SCHED_BATCH, &parameters);
+#endif
 }
 
 }  // namespace kro

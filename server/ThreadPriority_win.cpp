@@ -20,4 +20,8 @@ void RestoreThreadPriority(int saved) {
   SetThreadPriority(GetCurrentThread(), saved);
 }
 
+void DeferWakeUpPreemption() {
+  // Windows has no such policy; its threads keep the default.
+}
+
 }  // namespace kro

@@ -2,7 +2,6 @@
 
 #include <cstring>
 #include <functional>
-#include <new>
 #include <string>
 
 #include "common/KroStatus.h"
@@ -34,12 +33,12 @@ long UpstreamQueue::Allocate() {
   long result = status::Ok;
   {
     std::lock_guard<std::mutex> guard(inboundLock_);
-    inbound_.reset(new (std::nothrow) char[inboundCapacity_]());
+    inbound_.reset(static_cast<char*>(std::calloc(inboundCapacity_, 1)));
     inboundLength_ = 0;
     result = inbound_ != nullptr ? result : status::WinOutOfMemory;
   }
   std::lock_guard<std::mutex> guard(outboundLock_);
-  outbound_.reset(new (std::nothrow) char[outboundCapacity_]());
+  outbound_.reset(static_cast<char*>(std::calloc(outboundCapacity_, 1)));
   outboundLength_ = 0;
   return outbound_ != nullptr ? result : status::WinOutOfMemory;
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdlib>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -58,8 +59,15 @@ class UpstreamQueue {
   const KroAgent::RoutineTable* routines_;
   const size_t inboundCapacity_;
   const size_t outboundCapacity_;
-  std::unique_ptr<char[]> inbound_;
-  std::unique_ptr<char[]> outbound_;
+  // Zero-filled by calloc, which has fresh pages from the system zeroed already: a buffer
+  // costs memory only as far as records have reached into it.
+  struct FreeBuffer {
+    void operator()(char* buffer) const { std::free(buffer); }
+  };
+  using Buffer = std::unique_ptr<char[], FreeBuffer>;
+
+  Buffer inbound_;
+  Buffer outbound_;
   size_t inboundLength_ = 0;
   size_t outboundLength_ = 0;
   std::mutex inboundLock_;

@@ -1,5 +1,6 @@
 #include "hlp/HttpServer.h"
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
@@ -11,6 +12,7 @@
 #include "hlp/HttpServerConnection.h"
 #include "hlp/IRequestHandler.h"
 #include "hlp/PeerStream.h"
+#include "hlp/PlainSocketIo.h"
 #include "hlp/SSLContext.h"
 #include "hlp/Socket.h"
 #include "hlp/WinsockHelper.h"
@@ -28,9 +30,8 @@ namespace {
 // holds a few descriptors (its socket and its own event loop's), so the cap stays well inside
 // the usual limit of 1024 descriptors per process.
 constexpr int kMaxWaitingConnections = 200;
-// An idle server wakes this often: short enough for prompt restarts, long enough to cost
-// next to nothing.
-constexpr auto kPollWait = std::chrono::milliseconds(10);
+// A failing accept is retried after this pause, whatever the idle wait.
+constexpr auto kAcceptRetryPause = std::chrono::milliseconds(kDefaultIdleWaitMs);
 constexpr auto kStopWait = std::chrono::seconds(10);
 
 struct PortEntry {
@@ -95,6 +96,7 @@ struct ServerCore {
   bool acceptFailed = false;
 
   std::atomic<uint32_t> timeoutMs{kConnectionTimeoutSeconds * 1000u};
+  std::atomic<uint32_t> idleWaitMs{kDefaultIdleWaitMs};
   std::shared_ptr<std::atomic<int>> waiting = std::make_shared<std::atomic<int>>(0);
 
   mutable std::mutex portsMutex;
@@ -188,6 +190,10 @@ void ServerCore::HandOver(const std::shared_ptr<Listener>& listener,
     peer.secure = std::make_unique<PeerStream::TlsStream>(std::move(peer.accepted), tls->Native());
   } else {
     peer.plain = std::make_unique<boost::beast::tcp_stream>(std::move(peer.accepted));
+    if (PreparePlainSocket(peer)) {
+      peer.plain->socket().close(ignored);
+      return;
+    }
   }
 
   {
@@ -322,7 +328,8 @@ long HttpServer::Poll() {
     if (!core.started) {
       return kro::status::WinNotRunning;
     }
-    const auto deadline = std::chrono::steady_clock::now() + detail::kPollWait;
+    const auto start = std::chrono::steady_clock::now();
+    const std::chrono::milliseconds idleWait(core.idleWaitMs.load());
     core.acceptFailed = false;
     for (const auto& listener : core.listeners) {
       if (!listener->armed) {
@@ -330,16 +337,19 @@ long HttpServer::Poll() {
       }
     }
     if (core.listeners.empty()) {
-      std::this_thread::sleep_until(deadline);
+      // Nothing could wake this sleep early, so it stays short.
+      std::this_thread::sleep_until(start + std::min(idleWait, detail::kAcceptRetryPause));
       return kro::status::Ok;
     }
     core.io.restart();
-    if (core.io.run_one_until(deadline) != 0) {
+    // One wait in the kernel (SetIdleWait posts to the io_context to end it), then whatever
+    // else is ready.
+    if (idleWait.count() == 0 || core.io.run_one_until(start + idleWait) != 0) {
       core.io.poll();
     }
     if (core.acceptFailed) {
       // A failing accept completes at once; the caller must not spin on it.
-      std::this_thread::sleep_until(deadline);
+      std::this_thread::sleep_until(start + detail::kAcceptRetryPause);
     }
     return kro::status::Ok;
   } catch (...) {
@@ -414,6 +424,17 @@ std::vector<uint16_t> HttpServer::GetBoundPorts() const {
     return core_->boundPorts;
   } catch (...) {
     return {};
+  }
+}
+
+void HttpServer::SetIdleWait(uint32_t milliseconds) {
+  try {
+    core_->idleWaitMs.store(milliseconds);
+    // Ends the wait of a Poll in progress (or makes the next one return at once), so that the
+    // new wait applies now.
+    boost::asio::post(core_->io, [] {});
+  } catch (...) {
+    // Without the post the new wait applies from the next Poll on.
   }
 }
 

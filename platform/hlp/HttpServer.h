@@ -15,6 +15,9 @@ namespace detail {
 struct ServerCore;
 }
 
+/** @brief How long an idle Poll waits unless the owner sets another wait (SetIdleWait). */
+inline constexpr uint32_t kDefaultIdleWaitMs = 10;
+
 /**
  * @brief An HTTP/HTTPS listener on Boost.Asio, driven by the caller's polling thread.
  *
@@ -43,9 +46,18 @@ class HttpServer {
 
   /**
    * @brief Accepts pending connections and returns; waits at most about 10 ms when nothing
-   * is pending. 0, or kro::status::WinNotRunning when the server is not started.
+   * is pending (the idle wait; see SetIdleWait). 0, or kro::status::WinNotRunning when the
+   * server is not started.
    */
   long Poll();
+
+  /**
+   * @brief How long an idle Poll may wait from now on (kDefaultIdleWaitMs unless set; 0: it
+   * does not wait). Thread-safe, and a Poll waiting at the time returns at once: an owner that
+   * needs its polling thread back for something (a restart, a stop) sets a short wait, so in
+   * between the thread may sleep for long.
+   */
+  void SetIdleWait(uint32_t milliseconds);
 
   /**
    * @brief Closes the listeners and binds the new port list; the handler and the connections

@@ -9,9 +9,6 @@
 #include <optional>
 #include <string_view>
 
-#include <boost/asio/read.hpp>
-#include <boost/asio/read_until.hpp>
-#include <boost/asio/write.hpp>
 #include <boost/beast/core/error.hpp>
 #include <boost/beast/http/empty_body.hpp>
 #include <boost/beast/http/error.hpp>
@@ -22,6 +19,7 @@
 #include "hlp/HttpAnswer.h"
 #include "hlp/HttpStatus.h"
 #include "hlp/PeerStream.h"
+#include "hlp/PlainSocketIo.h"
 #include "hlp/RequestInfo.h"
 #include "hlp/StringCompare.h"
 
@@ -132,31 +130,30 @@ struct ConnectionState {
   PeerStream& Peer() { return *accepted->peer; }
 
   /**
-   * @brief Starts one asynchronous operation through `start` and runs the connection's
-   * io_context until it completes. The stream's expiry ends every operation in time; the
-   * deadline here is a backstop should it not.
+   * @brief Starts one asynchronous operation of the TLS stream through `start` and runs the
+   * connection's io_context until it completes. The stream's expiry ends it by `deadline`; the
+   * loop's own limit is a backstop should it not.
    */
   template <class Start>
-  error_code Run(milliseconds limit, size_t* bytes, Start&& start) {
+  error_code Run(Clock::time_point deadline, size_t* bytes, Start&& start) {
     PeerStream& peer = Peer();
     if (peer.closing.load()) {
       return asio::error::operation_aborted;
     }
     // Shared with the handler: it must stay valid even if the operation outlives this call.
     auto result = std::make_shared<OpResult>();
-    peer.Lowest().expires_after(limit);
+    peer.Lowest().expires_at(deadline);
     start([result](const error_code& ec, auto... transferred) {
       result->done = true;
       result->ec = ec;
       ((result->bytes = static_cast<size_t>(transferred)), ...);
     });
     peer.io.restart();
-    const auto backstop = Clock::now() + limit + std::chrono::seconds(2);
+    const auto backstop = deadline + std::chrono::seconds(2);
     while (!result->done && peer.io.run_one_until(backstop) != 0) {
     }
     if (!result->done) {
-      error_code ignored;
-      peer.Lowest().socket().close(ignored);
+      peer.CloseSocket();
       peer.io.restart();
       while (!result->done && peer.io.run_one_for(std::chrono::seconds(1)) != 0) {
       }
@@ -167,19 +164,46 @@ struct ConnectionState {
     if (bytes != nullptr) {
       *bytes = result->bytes;
     }
-    if (result->ec && result->ec != asio::error::operation_aborted) {
-      peerDone = true;
-    }
+    NoteFailure(result->ec);
     return result->ec;
   }
 
-  template <class Operation>
-  void WithStream(Operation&& operation) {
-    if (Peer().secure) {
-      operation(*Peer().secure);
-    } else {
-      operation(*Peer().plain);
+  void NoteFailure(const error_code& ec) {
+    if (ec && ec != asio::error::operation_aborted) {
+      peerDone = true;
     }
+  }
+
+  // A plain socket is read and written directly (PlainSocketIo.h): one system call per
+  // transfer, where an asynchronous operation would also turn the event loop and arm a timer.
+  error_code ReadSome(char* data, size_t size, Clock::time_point deadline, size_t& read) {
+    read = 0;
+    PeerStream& peer = Peer();
+    error_code ec;
+    if (peer.secure) {
+      ec = Run(deadline, &read, [&](auto handler) {
+        peer.secure->async_read_some(asio::buffer(data, size), std::move(handler));
+      });
+    } else {
+      ec = ReceiveSome(peer, data, size, deadline, read);
+    }
+    NoteFailure(ec);
+    return ec;
+  }
+
+  error_code WriteSome(const char* data, size_t size, Clock::time_point deadline, size_t& written) {
+    written = 0;
+    PeerStream& peer = Peer();
+    error_code ec;
+    if (peer.secure) {
+      ec = Run(deadline, &written, [&](auto handler) {
+        peer.secure->async_write_some(asio::buffer(data, size), std::move(handler));
+      });
+    } else {
+      ec = SendSome(peer, data, size, deadline, written);
+    }
+    NoteFailure(ec);
+    return ec;
   }
 
   long Fail(long status) {
@@ -187,16 +211,17 @@ struct ConnectionState {
     return status;
   }
 
+  // Reads and writes go in pieces of at most kTransferPiece, each within the time-out.
   long WriteAll(const char* data, size_t length) {
     while (length > 0) {
       const size_t piece = std::min(length, kTransferPiece);
-      const error_code ec = Run(timeout, nullptr, [&](auto handler) {
-        WithStream([&](auto& stream) {
-          asio::async_write(stream, asio::buffer(data, piece), std::move(handler));
-        });
-      });
-      if (ec) {
-        return Fail(StatusOf(ec));
+      const auto deadline = Clock::now() + timeout;
+      for (size_t done = 0; done < piece;) {
+        size_t written = 0;
+        if (const error_code ec = WriteSome(data + done, piece - done, deadline, written)) {
+          return Fail(StatusOf(ec));
+        }
+        done += written;
       }
       data += piece;
       length -= piece;
@@ -212,13 +237,13 @@ struct ConnectionState {
     length -= buffered;
     while (length > 0) {
       const size_t piece = std::min(length, kTransferPiece);
-      const error_code ec = Run(timeout, nullptr, [&](auto handler) {
-        WithStream([&](auto& stream) {
-          asio::async_read(stream, asio::buffer(data, piece), std::move(handler));
-        });
-      });
-      if (ec) {
-        return Fail(StatusOf(ec));
+      const auto deadline = Clock::now() + timeout;
+      for (size_t done = 0; done < piece;) {
+        size_t read = 0;
+        if (const error_code ec = ReadSome(data + done, piece - done, deadline, read)) {
+          return Fail(StatusOf(ec));
+        }
+        done += read;
       }
       data += piece;
       length -= piece;
@@ -252,16 +277,9 @@ struct ConnectionState {
     std::array<char, 16 * 1024> scratch;
     const auto end = Clock::now() + kLingerTime;
     size_t drained = 0;
-    while (drained < kLingerBytes) {
-      const auto left = std::chrono::duration_cast<milliseconds>(end - Clock::now());
-      if (left.count() <= 0) {
-        break;
-      }
+    while (drained < kLingerBytes && Clock::now() < end) {
       size_t read = 0;
-      const error_code ec = Run(left, &read, [&](auto handler) {
-        Peer().Lowest().async_read_some(asio::buffer(scratch), std::move(handler));
-      });
-      if (ec || read == 0) {
+      if (ReadSome(scratch.data(), scratch.size(), end, read) || read == 0) {
         break;
       }
       drained += read;
@@ -276,7 +294,7 @@ struct ConnectionState {
     PeerStream& peer = Peer();
     if (!peer.closing.load() && !peerDone && peer.Lowest().socket().is_open()) {
       if (peer.secure && handshakeDone) {
-        Run(std::min(timeout, kTlsShutdownTime), nullptr,
+        Run(Clock::now() + std::min(timeout, kTlsShutdownTime), nullptr,
             [&](auto handler) { peer.secure->async_shutdown(std::move(handler)); });
       } else if (!peer.secure) {
         Linger();
@@ -284,7 +302,7 @@ struct ConnectionState {
     }
     error_code ignored;
     peer.Lowest().socket().shutdown(asio::socket_base::shutdown_both, ignored);
-    peer.Lowest().socket().close(ignored);
+    peer.CloseSocket();
   }
 
   std::string Answer(unsigned status, std::string_view reason, std::string_view type,
@@ -303,26 +321,35 @@ struct ConnectionState {
     return Fail(result);
   }
 
-  long ReadHeaderBlock(std::string& header) {
-    size_t headerSize = 0;
-    const error_code ec = Run(timeout, &headerSize, [&](auto handler) {
-      WithStream([&](auto& stream) {
-        asio::async_read_until(stream, asio::dynamic_buffer(buffer, kMaxHeaderBytes), "\r\n\r\n",
-                               std::move(handler));
-      });
-    });
-    if (ec == asio::error::not_found) {
-      return Refuse(431, "The request headers are too large.", kro::status::BufferTooSmall);
+  // The request line and headers, up to and with the empty line, are left at the start of
+  // `buffer`; their size goes to `headerSize`.
+  long ReadHeaderBlock(size_t& headerSize) {
+    static constexpr std::string_view kEnd = "\r\n\r\n";
+    const auto deadline = Clock::now() + timeout;
+    // Read here rather than into `buffer`, which would zero-fill its room first; most header
+    // blocks fit in one read.
+    std::array<char, 4096> readArea;
+    size_t searched = 0;  // no block end starts before this
+    for (;;) {
+      if (const size_t end = std::string_view(buffer).find(kEnd, searched);
+          end != std::string_view::npos) {
+        headerSize = end + kEnd.size();
+        return kro::status::Ok;
+      }
+      if (buffer.size() >= kMaxHeaderBytes) {
+        return Refuse(431, "The request headers are too large.", kro::status::BufferTooSmall);
+      }
+      searched = buffer.size() < kEnd.size() ? 0 : buffer.size() - (kEnd.size() - 1);
+      size_t read = 0;
+      const size_t room = std::min(readArea.size(), kMaxHeaderBytes - buffer.size());
+      if (const error_code ec = ReadSome(readArea.data(), room, deadline, read)) {
+        return Fail(StatusOf(ec));
+      }
+      buffer.append(readArea.data(), read);
     }
-    if (ec) {
-      return Fail(StatusOf(ec));
-    }
-    header.assign(buffer, 0, headerSize);
-    buffer.erase(0, headerSize);
-    return kro::status::Ok;
   }
 
-  long ParseRequest(const std::string& header, RequestInfo& request) {
+  long ParseRequest(std::string_view header, RequestInfo& request) {
     std::optional<Parser> parser;
     error_code ec = ParseHeader(header, parser);
     // Beast stops at a "Content-Length" that is not a number; the caller answers that itself
@@ -404,7 +431,8 @@ long HttpServerConnection::ReadRequest(RequestInfo& request) {
       return status;
     }
     if (state.accepted->tls && !state.handshakeDone) {
-      const boost::system::error_code ec = state.Run(state.timeout, nullptr, [&](auto handler) {
+      const auto deadline = detail::Clock::now() + state.timeout;
+      const boost::system::error_code ec = state.Run(deadline, nullptr, [&](auto handler) {
         state.Peer().secure->async_handshake(boost::asio::ssl::stream_base::server,
                                              std::move(handler));
       });
@@ -415,11 +443,16 @@ long HttpServerConnection::ReadRequest(RequestInfo& request) {
       }
       state.handshakeDone = true;
     }
-    std::string header;
-    if (const long status = state.ReadHeaderBlock(header); status != kro::status::Ok) {
+    size_t headerSize = 0;
+    if (const long status = state.ReadHeaderBlock(headerSize); status != kro::status::Ok) {
       return status;
     }
-    return state.ParseRequest(header, request);
+    const long status =
+        state.ParseRequest(std::string_view(state.buffer.data(), headerSize), request);
+    if (!state.failed) {
+      state.buffer.erase(0, headerSize);
+    }
+    return status;
   } catch (...) {
     return state.Fail(kro::status::Failure);
   }

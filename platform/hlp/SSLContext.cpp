@@ -48,13 +48,9 @@ bool LoadChainAndKey(ssl::context& context, const std::string& pem) {
 
 }  // namespace
 
-SSLContext::SSLContext() : impl_(std::make_unique<Impl>()) {
-  try {
-    impl_->context = NewServerContext();
-  } catch (...) {
-    // Left without a context: HasCertificate stays false and no TLS port is served.
-  }
-}
+// The OpenSSL context is made by the first certificate: a server without a TLS port never
+// pays for it (OpenSSL's cipher and provider tables take hundreds of kilobytes).
+SSLContext::SSLContext() : impl_(std::make_unique<Impl>()) {}
 
 SSLContext::~SSLContext() = default;
 
@@ -76,6 +72,10 @@ long SSLContext::UseCertificate(const std::string& pemFile) {
     }
     std::lock_guard<std::mutex> lock(impl_->mutex);
     if (!impl_->context) {
+      impl_->context = NewServerContext();
+    }
+    if (!impl_->context) {
+      // Without a context HasCertificate stays false and no TLS port is served.
       return kro::status::Failure;
     }
     // Tried on a scratch context first, so that a bad file leaves the current certificate.

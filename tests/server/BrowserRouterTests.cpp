@@ -177,5 +177,73 @@ TEST_F(BrowserRouterServeTests, FilesAndRoutinesAnswerWithTheirHeaders) {
   }
 }
 
+TEST_F(BrowserRouterServeTests, ChangedFilesAreServedAnew) {
+  namespace fs = std::filesystem;
+  using namespace std::chrono_literals;
+  const fs::path file = install_.Path() / "User Interface" / "page.txt";
+  const auto longAgo = fs::file_time_type::clock::now() - 1h;
+  const auto rewrite = [this](const char* text) {
+    install_.Write("User Interface/page.txt", text);
+  };
+  struct Case {
+    const char* name;
+    bool settled;  // last written long before the first request, so that its answer may be kept
+    std::function<void()> change;
+    const char* body;  // what the second request gets; null: it is not served
+  };
+  const Case cases[] = {
+      {"unchanged", true, [] {}, "one"},
+      {"rewritten longer", true, [&] { rewrite("three"); }, "three"},
+      {"rewritten as long, later", true,
+       [&] {
+         rewrite("two");
+         fs::last_write_time(file, longAgo + 1s);
+       },
+       "two"},
+      // A file read while fresh is read again: a second change within the time stamp's
+      // granularity would leave the stamp as it was.
+      {"fresh, rewritten under the same stamp", false,
+       [&] {
+         const auto stamp = fs::last_write_time(file);
+         rewrite("two");
+         fs::last_write_time(file, stamp);
+       },
+       "two"},
+      {"removed", true, [&] { fs::remove(file); }, nullptr},
+      {"replaced by a folder", true,
+       [&] {
+         fs::remove(file);
+         fs::create_directory(file);
+       },
+       nullptr},
+  };
+  const std::wstring folder =
+      install_.Path().wstring() + kPathSeparator + L"User Interface" + kPathSeparator;
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    std::error_code ignored;
+    fs::remove_all(file, ignored);
+    rewrite("one");
+    if (c.settled) {
+      fs::last_write_time(file, longAgo);
+    }
+    const BrowserRouter router(&routines_, folder, 0);
+    const auto serve = [&router](long expected) {
+      AnswerBuffer answer;
+      EXPECT_EQ(router.ServeBrowserRequest("/arbalo/page.txt", "", 0, true, answer), expected);
+      return std::string(answer.View());
+    };
+    const std::string first = serve(status::Ok);
+    EXPECT_EQ(first.substr(first.find("\r\n\r\n") + 4), "one");
+    c.change();
+    const std::string second = serve(c.body != nullptr ? status::Ok : status::NotFound);
+    if (c.body == nullptr) {
+      continue;
+    }
+    EXPECT_NE(second.find("content-Type: text/plain\r\n"), std::string::npos) << second;
+    EXPECT_EQ(second.substr(second.find("\r\n\r\n") + 4), c.body);
+  }
+}
+
 }  // namespace
 }  // namespace kro

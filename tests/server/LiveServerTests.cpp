@@ -154,7 +154,10 @@ TEST_F(LiveServerTests, PortChangeMovesTheListener) {
   StartServer({{port_, false}});
   const uint16_t next = kro::test::FreeTcpPort();
   ASSERT_NE(next, port_);
+  // The poll loop sleeps long between connections; the request must wake it.
+  const auto begin = std::chrono::steady_clock::now();
   EXPECT_EQ(server_->ChangePorts(next, false), status::Ok);
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(5));
   EXPECT_EQ(server_->ListeningPorts(), std::to_string(next));
   EXPECT_EQ(SendRaw(next, MakeRequest("GET", "/", "")).Status(), 200);
   EXPECT_FALSE(

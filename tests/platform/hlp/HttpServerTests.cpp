@@ -2,6 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <future>
+#include <thread>
+
 #include <boost/asio/error.hpp>
 #include <boost/asio/ip/tcp.hpp>
 
@@ -258,6 +261,54 @@ TEST_F(HttpServerTests, IdlePollWaitsAboutTenMilliseconds) {
   EXPECT_GE(elapsed, kPolls * 5ms);
   EXPECT_LE(elapsed, kPolls * 100ms);
   EXPECT_EQ(server.Stop(), 0);
+}
+
+TEST_F(HttpServerTests, IdleWaitIsTheOwnersAndChangingItWakesThePoll) {
+  hlp::HttpServer server;
+  kro::test::TestHandler handler(server, nullptr);
+  ASSERT_EQ(server.Start(nullptr, "0", &handler), 0);
+
+  server.SetIdleWait(0);
+  constexpr int kPolls = 100;  // a second at the default wait
+  auto start = Clock::now();
+  for (int i = 0; i < kPolls; ++i) {
+    ASSERT_EQ(server.Poll(), 0);
+  }
+  EXPECT_LT(Clock::now() - start, kPolls * 5ms);
+
+  // An owner that waits long wakes its poll by setting a shorter wait.
+  server.SetIdleWait(60000);
+  ASSERT_EQ(server.Poll(), 0);  // takes the wake-up of the call above
+  start = Clock::now();
+  std::thread poller([&server] { EXPECT_EQ(server.Poll(), 0); });
+  std::this_thread::sleep_for(100ms);
+  server.SetIdleWait(hlp::kDefaultIdleWaitMs);
+  poller.join();
+  EXPECT_LT(Clock::now() - start, 10s);
+  EXPECT_EQ(server.Stop(), 0);
+}
+
+TEST_F(HttpServerTests, ClientThatStopsReadingIsDroppedAfterTheTimeout) {
+  constexpr auto kTimeout = 1000ms;
+  std::promise<long> written;
+  auto result = written.get_future();
+  LiveServer live("0", nullptr, static_cast<uint32_t>(kTimeout.count()),
+                  [&written](hlp::HttpServerConnection& connection) {
+                    hlp::RequestInfo request;
+                    if (connection.ReadRequest(request) != 0) {
+                      written.set_value(-1);
+                      return;
+                    }
+                    // Far more than the socket buffers of both sides hold.
+                    const std::string answer(64 << 20, 'x');
+                    written.set_value(connection.Write(answer.data(), answer.size()));
+                  });
+  ASSERT_EQ(live.StartStatus(), 0);
+  TestClient client(live.Port());
+  ASSERT_TRUE(client.Send(Get("/big")));
+  ASSERT_EQ(result.wait_for(30s), std::future_status::ready);
+  EXPECT_EQ(result.get(),
+            kro::status::FromWin32(static_cast<uint32_t>(boost::asio::error::timed_out)));
 }
 
 TEST_F(HttpServerTests, RefusesMalformedPortListsAndCallsBeforeStart) {
