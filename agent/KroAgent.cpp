@@ -8,6 +8,7 @@
 
 #include "agent/InstalledProducts.h"
 #include "agent/KroVersion.h"
+#include "agent/ModuleImage.h"
 #include "agent/ModuleState.h"
 #include "alerts/Alert.h"
 #include "alerts/AlertsManager.h"
@@ -308,6 +309,8 @@ long KroAgent::MainThreadInit(void* /*context*/) {
     KRO_LOG_INFO << "Agent port " << agentPort << (agentSSL ? " (TLS)" : "") << ", UI port "
                  << uiPort;
     KRO_LOG_INFO << "Inited KRO Agent Main Thread Status " << 0;
+    // Start-up is over: what it alone ran need not stay mapped for the life of the agent.
+    ::KroAgent::ReleaseStartupPages();
   } catch (...) {
     KRO_LOG_ERROR << "Main thread set-up failed";
   }

@@ -20,6 +20,7 @@ if ((${#need[@]})); then
   apt-get update -qq && apt-get install -y -qq --no-install-recommends "${need[@]}" >/dev/null
 fi
 bash scripts/setup.sh
+bash scripts/setup-release.sh
 cmake --preset release >/dev/null
 cmake --build --preset release -- -j"$(nproc)" >/dev/null
 

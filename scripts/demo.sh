@@ -14,6 +14,7 @@ root=$PWD
 demo=$root/demo
 
 bash scripts/setup.sh
+bash scripts/setup-release.sh
 cmake --preset release >/dev/null
 cmake --build --preset release -- -j"$(nproc)"
 

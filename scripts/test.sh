@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # The project's test command: installs what is missing, checks formatting, then builds and
-# runs every suite: native (RelWithDebInfo, ASan+UBSan, TSan) and the Windows build under Wine.
+# runs every suite: native (RelWithDebInfo, ASan+UBSan, TSan), the self-contained release build's
+# check, and the Windows build under Wine.
 #
 #   scripts/test.sh             everything
 #   scripts/test.sh --native    the native suites alone (quick iteration)
@@ -23,6 +24,7 @@ stage() { printf '\n== %s (%ds)\n' "$*" "$SECONDS"; }
 
 stage "setup"
 bash scripts/setup.sh
+bash scripts/setup-release.sh
 if ((!native_only)); then
   bash scripts/setup-windows.sh
 fi
@@ -45,6 +47,12 @@ build_and_test() {
 for preset in default asan tsan; do
   build_and_test "$preset"
 done
+
+stage "configure + build: release"
+cmake --preset release >/dev/null
+cmake --build --preset release -- -j"$(nproc)"
+stage "check: release"
+bash scripts/check-release.sh
 
 if ((!native_only)); then
   export KRO_WIN_DEPS=${KRO_WIN_DEPS:-/opt/kro-win-deps}
