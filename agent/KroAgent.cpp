@@ -1,5 +1,6 @@
 #include "agent/KroAgent.h"
 
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <new>
@@ -309,7 +310,9 @@ long KroAgent::MainThreadInit(void* /*context*/) {
     KRO_LOG_INFO << "Agent port " << agentPort << (agentSSL ? " (TLS)" : "") << ", UI port "
                  << uiPort;
     KRO_LOG_INFO << "Inited KRO Agent Main Thread Status " << 0;
-    // Start-up is over: what it alone ran need not stay mapped for the life of the agent.
+    // Start-up is over once the server listens (its TLS set-up is the largest part): what
+    // start-up alone ran need not stay mapped for the life of the agent.
+    server_.WaitForStart(std::chrono::seconds(5));
     ::KroAgent::ReleaseStartupPages();
   } catch (...) {
     KRO_LOG_ERROR << "Main thread set-up failed";

@@ -113,11 +113,16 @@ long KroServer::Init(uint16_t port, bool tls, KroAgent::RoutineTable* routines,
 
 long KroServer::Start() {
   SetState(kServerInitialised);
+  {
+    std::lock_guard<std::mutex> guard(lock_);
+    startOver_ = false;
+  }
   long st = status::Code(nvthreads_thread_create(poolName_, threadName_, ServerThreadInit,
                                                  ServerThreadCleanup, 0, this));
   if (status::Failed(st)) {
     // The work item below then fails too and reports it.
     KRO_LOG_ERROR << "KroServer::Start - Error creating a thread: " << Hex(st);
+    MarkStarted();
   }
   st = status::Code(nvthreads_workitem_add(poolName_, threadName_, kPollWorkItem, 1, 1000, 0,
                                            nullptr, nullptr, PollRoutine, this));
@@ -227,30 +232,49 @@ long KroServer::ServerThreadInit(void* context) {
   if (server == nullptr) {
     return status::WinInvalidParameter;
   }
+  const long st = server->StartServerThread();
+  server->MarkStarted();
+  return st;
+}
+
+long KroServer::StartServerThread() {
   try {
-    server->InstallLogger();
+    InstallLogger();
     {
-      auto handler = std::make_unique<ServerRequestHandler>(server);
-      std::unique_lock<std::shared_mutex> guard(server->handlerLock_);
-      server->handler_ = std::move(handler);
+      auto handler = std::make_unique<ServerRequestHandler>(this);
+      std::unique_lock<std::shared_mutex> guard(handlerLock_);
+      handler_ = std::move(handler);
     }
-    if (server->GetState() == kServerInitialised) {
-      server->startResult_ = server->StartListening();
+    if (GetState() == kServerInitialised) {
+      startResult_ = StartListening();
     }
-    KRO_LOG_TRACE << "Inited " << server->poolName_ << " " << server->threadName_;
-    if (server->startResult_ != status::Ok) {
-      KRO_LOG_ERROR << "KroServer::ServerThreadInit - Error: " << Hex(server->startResult_);
+    KRO_LOG_TRACE << "Inited " << poolName_ << " " << threadName_;
+    if (startResult_ != status::Ok) {
+      KRO_LOG_ERROR << "KroServer::ServerThreadInit - Error: " << Hex(startResult_);
     }
-    if (server->GetState() != kServerRunning) {
+    if (GetState() != kServerRunning) {
       return status::ServerNotStarted;
     }
-    std::lock_guard<std::mutex> guard(server->lock_);
-    server->pollLoopRunning_ = true;
-    server->SetIdleWait(kIdlePollWaitMs);
+    std::lock_guard<std::mutex> guard(lock_);
+    pollLoopRunning_ = true;
+    SetIdleWait(kIdlePollWaitMs);
     return status::Ok;
   } catch (...) {
     return status::Failure;
   }
+}
+
+void KroServer::MarkStarted() {
+  {
+    std::lock_guard<std::mutex> guard(lock_);
+    startOver_ = true;
+  }
+  started_.notify_all();
+}
+
+bool KroServer::WaitForStart(std::chrono::milliseconds limit) {
+  std::unique_lock<std::mutex> guard(lock_);
+  return started_.wait_for(guard, limit, [this] { return startOver_; });
 }
 
 long KroServer::PollRoutine(void* context) {

@@ -55,6 +55,12 @@ class KroServer : public hlp::HttpServer {
   long Start();
 
   /**
+   * @brief Waits, at most `limit`, until the server thread has finished starting: listening
+   * (TLS context and certificate included) or failed. False when it has not within `limit`.
+   */
+  bool WaitForStart(std::chrono::milliseconds limit);
+
+  /**
    * @brief Moves the server to other ports and returns once the poll thread restarted it.
    * 12 at once when the server is not running; 0x80000114 when the endpoints yield no port.
    */
@@ -114,6 +120,8 @@ class KroServer : public hlp::HttpServer {
 
  private:
   long ChangePortsLocked(const std::vector<ServerEndpoint>& endpoints);
+  long StartServerThread();
+  void MarkStarted();
   long RunPollLoop();
   void EndPollLoop();
 
@@ -130,11 +138,14 @@ class KroServer : public hlp::HttpServer {
   KroAgent::RoutineTable* routines_ = nullptr;
   logging_support::logger_type* logger_ = nullptr;
 
-  // The port change: guards listeningPorts_, hasTlsPort_ and the two flags below.
+  // The port change: guards listeningPorts_, hasTlsPort_ and the flags below.
   mutable std::mutex lock_;
   std::condition_variable restarted_;
   uint8_t restartPending_ = 0;
   bool pollLoopRunning_ = false;
+  // Set once the server thread's start is over, whatever its outcome.
+  std::condition_variable started_;
+  bool startOver_ = true;
 
   char poolName_[256] = {};
   char threadName_[256] = {};

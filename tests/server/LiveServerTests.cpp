@@ -1,5 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
+
 #include <openssl/evp.h>
 #include <openssl/pem.h>
 #include <openssl/x509.h>
@@ -77,10 +80,8 @@ class LiveServerTests : public testing::Test {
                    const std::wstring& certificate = L"") {
     ASSERT_EQ(server_->Init(endpoints, &routines_, certificate, "KroAgent", 0), status::Ok);
     ASSERT_EQ(server_->Start(), status::Ok);
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (server_->GetState() != kServerRunning && std::chrono::steady_clock::now() < deadline) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
+    // Once the start is reported over, the server listens: no retrying.
+    ASSERT_TRUE(server_->WaitForStart(std::chrono::seconds(10)));
     ASSERT_EQ(server_->GetState(), kServerRunning) << std::hex << server_->StartResult();
   }
 
@@ -178,6 +179,17 @@ TEST_F(LiveServerTests, ServesTlsWithCertificateBesideTheHost) {
   EXPECT_EQ(SendRaw(port_, request, true).Status(), 200);
   EXPECT_EQ(SendRaw(plain, request).Status(), 200);
   EXPECT_NE(SendRaw(port_, request, false, std::chrono::seconds(3)).Status(), 200);
+}
+
+TEST_F(LiveServerTests, StartOnATakenPortIsOverAtOnceWithoutListening) {
+  boost::asio::io_context io;
+  const boost::asio::ip::tcp::endpoint endpoint(boost::asio::ip::tcp::v4(), port_);
+  boost::asio::ip::tcp::acceptor taken(io, endpoint, /*reuse_addr=*/false);
+  ASSERT_EQ(server_->Init({{port_, false}}, &routines_, L"", "KroAgent", 0), status::Ok);
+  ASSERT_EQ(server_->Start(), status::Ok);
+  EXPECT_TRUE(server_->WaitForStart(std::chrono::seconds(10)));
+  EXPECT_NE(server_->GetState(), kServerRunning);
+  EXPECT_NE(server_->StartResult(), status::Ok);
 }
 
 TEST_F(LiveServerTests, StalledClientDoesNotHoldUpOthers) {
