@@ -9,6 +9,7 @@
 #include "agent/KroAgent.h"
 #include "agent/KroVersion.h"
 #include "agent/ModuleState.h"
+#include "common/FilePath.h"
 #include "common/KroStatus.h"
 #include "common/WinHelper.h"
 #include "config/KroConfigurationManager.h"
@@ -30,7 +31,8 @@ KRO_AGENT_API long InitKroAgent(void) {
     if (kro::GetHostDirectory(hostFolder) != kro::status::Ok) {
       hostFolder.clear();
     }
-    const std::filesystem::path logFile(hostFolder + kro::kPathSeparator + L"KroAgent.log");
+    const std::filesystem::path logFile =
+        kro::ToFilePath(hostFolder + kro::kPathSeparator + L"KroAgent.log");
     logging_support::create_logger_for_product(Module().logger, "KroAgent", logFile);
 
     std::wstring installDir;

@@ -22,19 +22,23 @@ namespace {
  * truncate toward zero, NaN gives 0, clamp to the int64 range, then wrap to 64 bits; the caller
  * narrows further. Exact for every value within +-2^63, which holds any sensible setting.
  */
-uint64_t TruncateToWord(double value) {
-  if (std::isnan(value)) {
-    return 0;
+/**
+ * @brief The number truncated toward zero, as the 64-bit word that the field's width then cuts,
+ * or false for a number that has no such word (beyond the double range or beyond 64 bits):
+ * such a member leaves its field as a member of the wrong type does.
+ */
+bool TruncateToWord(const hlp::JsonValue& member, uint64_t& word) {
+  double value = 0;
+  if (!member.TryGetDouble(value)) {
+    return false;
   }
   constexpr double kTwoTo63 = 9223372036854775808.0;
   const double whole = std::trunc(value);
-  if (whole <= -kTwoTo63) {
-    return static_cast<uint64_t>(std::numeric_limits<int64_t>::min());
+  if (whole < -kTwoTo63 || whole >= kTwoTo63) {
+    return false;
   }
-  if (whole >= kTwoTo63) {
-    return static_cast<uint64_t>(std::numeric_limits<int64_t>::max());
-  }
-  return static_cast<uint64_t>(static_cast<int64_t>(whole));
+  word = static_cast<uint64_t>(static_cast<int64_t>(whole));
+  return true;
 }
 
 const hlp::JsonValue* NumberMember(const hlp::JsonValue& root, std::string_view key) {
@@ -156,15 +160,17 @@ std::unique_ptr<hlp::JsonValue> KroConfiguration::ParseObject(const char* text) 
 
 void KroConfiguration::ApplyNumber(const hlp::JsonValue& root, std::string_view key,
                                    uint32_t& field) {
-  if (const hlp::JsonValue* member = NumberMember(root, key)) {
-    field = static_cast<uint32_t>(TruncateToWord(member->GetDouble()));
+  const hlp::JsonValue* member = NumberMember(root, key);
+  if (uint64_t word = 0; member != nullptr && TruncateToWord(*member, word)) {
+    field = static_cast<uint32_t>(word);
   }
 }
 
 void KroConfiguration::ApplyNumber(const hlp::JsonValue& root, std::string_view key,
                                    uint16_t& field) {
-  if (const hlp::JsonValue* member = NumberMember(root, key)) {
-    field = static_cast<uint16_t>(TruncateToWord(member->GetDouble()));
+  const hlp::JsonValue* member = NumberMember(root, key);
+  if (uint64_t word = 0; member != nullptr && TruncateToWord(*member, word)) {
+    field = static_cast<uint16_t>(word);
   }
 }
 

@@ -9,10 +9,12 @@
 #include <string_view>
 #include <vector>
 
+#include "common/FilePath.h"
 #include "common/KroStatus.h"
 #include "common/WinHelper.h"
 #include "dialhome/AtomicFile.h"
 #include "hlp/Json.h"
+#include "logging_support/logging_support.h"
 
 namespace kro {
 
@@ -272,42 +274,36 @@ const KeyRow* FindLongKey(std::string_view name) {
   return nullptr;
 }
 
-/** @brief Reads the value after a known member name; false when it has the wrong JSON type. */
-bool ApplyJsonMember(DialHomeInfo& record, const KeyRow& row, hlp::JsonReader& reader) {
+/** @brief Reads the value after a known member name into the record, or says why not. */
+long ApplyJsonMember(DialHomeInfo& record, const KeyRow& row, hlp::JsonReader& reader) {
   reader.Next();
   if (row.kind == Kind::YesNo) {
     bool yes = false;
     if (!reader.GetBool(yes)) {
-      return false;
+      return status::Failure;
     }
     StoreFlag(record, row.item, yes);
   } else if (row.kind == Kind::Number || row.item == Item::StartupMode) {
     int32_t number = 0;
     if (!reader.TryGetInt(number)) {
-      return false;
+      return status::Failure;
     }
     // Taken as they come: no phase ranges, the mode's number unchecked.
     StoreNumber(record, row.item, static_cast<uint32_t>(number));
   } else {
     std::string name;
     if (!reader.GetString(name)) {
-      return false;
+      return status::Failure;
+    }
+    if (!IsSettingsLineText(name)) {
+      // Written as it is, it would come back as other items: another home, another port.
+      KRO_LOG_ERROR << "Settings refused: " << row.key
+                    << " is empty or holds a character DialHomeInfo.txt cannot keep";
+      return status::NotAvailable;
     }
     StoreName(record, row.item, name);
   }
-  return true;
-}
-
-/**
- * @brief A wide path as a file-system path. On POSIX wchar_t holds UTF-32, which the library
- * converts to UTF-8 only from char32_t (from wchar_t it would use the process's locale).
- */
-std::filesystem::path ToPath(const std::wstring& path) {
-  if constexpr (sizeof(wchar_t) == sizeof(char32_t)) {
-    return std::filesystem::path(std::u32string(path.begin(), path.end()));
-  } else {
-    return std::filesystem::path(path);
-  }
+  return status::Ok;
 }
 
 /** @brief The file's first line, without its line end (LF or CR LF). */
@@ -317,7 +313,7 @@ long ReadFirstLine(std::string& line) {
   if (status::Failed(result)) {
     return result;
   }
-  std::ifstream in(ToPath(path), std::ios::binary);
+  std::ifstream in(ToFilePath(path), std::ios::binary);
   if (!in.is_open()) {
     return status::FileOpenFailed;
   }
@@ -520,9 +516,29 @@ long ParseDialHomeInfoLine(DialHomeInfo& record, const std::string& line) {
   }
 }
 
+bool IsSettingsLineText(std::string_view text) {
+  if (text.empty()) {
+    return false;
+  }
+  for (const char c : text) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (byte <= ' ' || byte == 0x7F || c == ',' || IsSeparator(c)) {
+      return false;
+    }
+  }
+  for (size_t i = 0; i < kKeyTable.size(); i += 2) {
+    if (text.find(kKeyTable[i].key) != std::string_view::npos) {
+      return false;
+    }
+  }
+  return true;
+}
+
 long FormatDialHomeInfo(const DialHomeInfo& record, std::string& text) {
   try {
-    if ((record.flags & DialHomeInfo::kHomeName) == 0) {
+    if ((record.flags & DialHomeInfo::kHomeName) == 0 || !IsSettingsLineText(record.homeName) ||
+        ((record.flags & DialHomeInfo::kSystemName) != 0 &&
+         !IsSettingsLineText(record.systemName))) {
       return status::NotAvailable;
     }
     LineSink sink;
@@ -543,7 +559,7 @@ long WriteDialHomeInfoFile(const std::wstring& path, const DialHomeInfo& record)
     }
     // A bare line feed: the reader takes the line up to it and drops a carriage return before
     // it, so files from Windows tools read alike.
-    return WriteFileAtomically(ToPath(path), line + "\n");
+    return WriteFileAtomically(ToFilePath(path), line + "\n");
   } catch (...) {
     return status::Failure;
   }
@@ -618,10 +634,12 @@ long ParseDialHomeInfoJson(DialHomeInfo& record, const char* json) {
         return status::Failure;  // malformed text
       }
       const KeyRow* row = FindLongKey(reader.GetName());
-      const bool applied =
-          row != nullptr ? ApplyJsonMember(record, *row, reader) : reader.SkipValue();
-      if (!applied) {
-        return status::Failure;
+      if (row == nullptr) {
+        if (!reader.SkipValue()) {
+          return status::Failure;
+        }
+      } else if (const long st = ApplyJsonMember(record, *row, reader); st != status::Ok) {
+        return st;
       }
     }
   } catch (...) {
@@ -660,10 +678,10 @@ long ParseStartupSettings(DialHomeInfo& record, const char* json) {
 
     const hlp::JsonValue* start = root->FindMember("startArbalo");
     if (start != nullptr && !start->IsNull()) {
-      if (!start->IsNumber()) {
-        return status::NotAvailable;
+      double value = 0;
+      if (!start->TryGetDouble(value)) {
+        return status::NotAvailable;  // not a number, or one beyond the double range
       }
-      const double value = start->GetDouble();
       record.startupMode = value == 1   ? KroAgent::Normal
                            : value == 0 ? KroAgent::Paused
                                         : KroAgent::Active;

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 #include "agent/KroAgentTypes.h"
 
@@ -74,8 +75,17 @@ long ReadDialHomeInfo(DialHomeInfo& record);
 long ParseDialHomeInfoLine(DialHomeInfo& record, const std::string& line);
 
 /**
+ * @brief True when a name ("HomeName", "SystemName") can go into the settings line and read
+ * back unchanged: not empty; no white space or control character (the reader drops the first
+ * and a line end would cut the line); none of "," ":" "=" (they would start another item); no
+ * long key of the table, which the single-value look-up would find inside it.
+ */
+bool IsSettingsLineText(std::string_view text);
+
+/**
  * @brief Formats the record as one line (no line end): the present groups in their fixed
- * order, numbers in decimal, flags "Y"/"N". 0x80000114 without a HomeName.
+ * order, numbers in decimal, flags "Y"/"N". 0x80000114 without a HomeName, or when a name
+ * is not IsSettingsLineText (the line would not read back as the record).
  */
 long FormatDialHomeInfo(const DialHomeInfo& record, std::string& text);
 
@@ -100,7 +110,8 @@ long GetDialHomeInfoValue(const std::string& key, std::string& value);
 /**
  * @brief Merges a JSON object into the record, member by member with exact names; each
  * accepted member sets its presence bit. No range checks. 0x80000000 when the text does not
- * open with an object or a member has the wrong type (members before it stay merged).
+ * open with an object or a member has the wrong type, 0x80000114 for a name that is not
+ * IsSettingsLineText (members before either stay merged; the refused one is not applied).
  */
 long ParseDialHomeInfoJson(DialHomeInfo& record, const char* json);
 

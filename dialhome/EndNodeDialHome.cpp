@@ -8,6 +8,7 @@
 #include <sstream>
 #include <string_view>
 
+#include "common/FilePath.h"
 #include "common/KroStatus.h"
 #include "common/WinHelper.h"
 #include "config/KroAgentConfiguration.h"
@@ -591,7 +592,7 @@ std::filesystem::path DialHome::TrustFile() const {
     if (GetHostDirectory(host) != status::Ok) {
       return {};
     }
-    folder = host;
+    folder = ToFilePath(host);
   }
   return folder / kTrustFileName;
 }

@@ -5,6 +5,7 @@
 #include <fstream>
 #include <new>
 
+#include "common/FilePath.h"
 #include "common/KroStatus.h"
 #include "common/WinHelper.h"
 #include "server/RequestChecks.h"
@@ -39,6 +40,35 @@ constexpr std::string_view kJsonType = "application/json";
 
 // UI files are small; anything this large is not one of ours and is not read into memory.
 constexpr uintmax_t kMaxFileBytes = 256ull * 1024 * 1024;
+
+int HexDigit(char c) {
+  if (c >= '0' && c <= '9') {
+    return c - '0';
+  }
+  if (c >= 'a' && c <= 'f') {
+    return c - 'a' + 10;
+  }
+  if (c >= 'A' && c <= 'F') {
+    return c - 'A' + 10;
+  }
+  return -1;
+}
+
+std::string PercentDecoded(std::string_view text) {
+  std::string out;
+  out.reserve(text.size());
+  for (size_t i = 0; i < text.size(); ++i) {
+    const int high = text[i] == '%' && i + 2 < text.size() ? HexDigit(text[i + 1]) : -1;
+    const int low = high >= 0 ? HexDigit(text[i + 2]) : -1;
+    if (low < 0) {
+      out += text[i];
+      continue;
+    }
+    out += static_cast<char>(high * 16 + low);
+    i += 2;
+  }
+  return out;
+}
 
 }  // namespace
 
@@ -77,6 +107,15 @@ std::string NormaliseUri(std::string_view uri) {
     out.erase(0, slashes - 1);
   }
   return out;
+}
+
+std::string RoutedPath(std::string_view uri, bool agent) {
+  if (uri == "/") {
+    uri = agent ? "/arbalo/index.html" : "/kro/master/index.html";
+  }
+  // The query part takes no part in routing; a routine's request is the body.
+  uri = uri.substr(0, uri.find('?'));
+  return NormaliseUri(PercentDecoded(uri));
 }
 
 std::string ContentTypeFor(std::string_view path) {
@@ -125,20 +164,20 @@ BrowserRouter::BrowserRouter(const KroAgent::RoutineTable* routines, std::wstrin
 long BrowserRouter::ServeBrowserRequest(std::string_view uri, const char* body, size_t bodyLength,
                                         bool agent, AnswerBuffer& answer) const {
   try {
-    std::string target(uri);
-    if (target == "/") {
-      target = agent ? "/arbalo/index.html" : "/kro/master/index.html";
-    }
-    target = NormaliseUri(target);
-    // The query part takes no part in routing; a routine's request is the body.
-    if (const size_t query = target.find('?'); query != std::string::npos) {
-      target.erase(query);
-    }
-    const long fileResult = ServeFile(target, agent, answer);
+    return ServeRoutedPath(RoutedPath(uri, agent), body, bodyLength, agent, answer);
+  } catch (...) {
+    return status::Failure;
+  }
+}
+
+long BrowserRouter::ServeRoutedPath(std::string_view path, const char* body, size_t bodyLength,
+                                    bool agent, AnswerBuffer& answer) const {
+  try {
+    const long fileResult = ServeFile(path, agent, answer);
     if (fileResult == status::Ok) {
       return fileResult;
     }
-    return ServeRoutine(target, body, bodyLength, agent, answer);
+    return ServeRoutine(path, body, bodyLength, agent, answer);
   } catch (...) {
     return status::Failure;
   }
@@ -162,7 +201,7 @@ long BrowserRouter::MapUriToFile(std::string_view uri, bool agent, std::wstring&
   // Normalising cannot catch a ".." that only forms once a backslash between the dots is
   // removed ("/arbalo/.\./x"); nothing with ".." left in it is looked up on disk.
   if (relative.find("..") != std::string_view::npos ||
-      relative.find('\0') != std::string_view::npos) {
+      relative.find_first_of(std::string_view(":~\0", 3)) != std::string_view::npos) {
     return status::WinInvalidParameter;
   }
   std::string file(relative);
@@ -198,7 +237,7 @@ long BrowserRouter::ServeFile(std::string_view uri, bool agent, AnswerBuffer& an
   if (const long st = MapUriToFile(uri, agent, path); st != status::Ok) {
     return st;
   }
-  const std::filesystem::path file(path);
+  const std::filesystem::path file = ToFilePath(path);
   FileStamp stamp;
   if (!ReadFileStamp(file, stamp) || !stamp.regular) {
     return status::FileOpenFailed;

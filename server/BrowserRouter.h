@@ -42,6 +42,14 @@ struct AnswerBuffer {
  */
 std::string NormaliseUri(std::string_view uri);
 
+/**
+ * @brief The path a browser request's URI is served under: "/" becomes the start page ("/arbalo/
+ * index.html" on the agent, "/kro/master/index.html" otherwise), the query is dropped, "%XX"
+ * escapes are decoded (a "%" without two hex digits stays as it is) and the result is normalised.
+ * The session gate judges this path, so it must be exactly the one that is served.
+ */
+std::string RoutedPath(std::string_view uri, bool agent);
+
 /** @brief The content type for a path's extension (after its last "."), "" when unknown. */
 std::string ContentTypeFor(std::string_view path);
 
@@ -67,8 +75,15 @@ class BrowserRouter {
   /** @brief 0 when `answer` holds the answer; anything else is answered 404 by the caller. */
   long ServeBrowserRequest(std::string_view uri, const char* body, size_t bodyLength, bool agent,
                            AnswerBuffer& answer) const;
+  /** @brief ServeBrowserRequest for a path that RoutedPath has already made. */
+  long ServeRoutedPath(std::string_view path, const char* body, size_t bodyLength, bool agent,
+                       AnswerBuffer& answer) const;
 
-  /** @brief The file a normalised URI names (it need not exist); 87 outside the UI space. */
+  /**
+   * @brief The file a normalised URI names (it need not exist); 87 outside the UI space, and for
+   * a name with ":" or "~", which no UI file has: on Windows they would reach a file stream or a
+   * page under its short name, a spelling that the session gate cannot tell is a page.
+   */
   long MapUriToFile(std::string_view uri, bool agent, std::wstring& path) const;
 
  private:

@@ -10,8 +10,15 @@ namespace {
 
 constexpr uint64_t kFileTimeTicksPerMinute = 60ull * 10'000'000;
 
-bool EndsWith(std::string_view text, std::string_view suffix) {
-  return text.size() >= suffix.size() && text.substr(text.size() - suffix.size()) == suffix;
+bool IsHtmlPage(std::string_view path) {
+  const size_t end = path.find_last_not_of(". ");
+  if (end == std::string_view::npos) {
+    return false;
+  }
+  path = path.substr(0, end + 1);
+  constexpr std::string_view kSuffix = ".html";
+  return path.size() >= kSuffix.size() &&
+         StartsWithNoCase(path.substr(path.size() - kSuffix.size()), kSuffix);
 }
 
 }  // namespace
@@ -29,7 +36,7 @@ long BrowserSessions::CheckBrowserAccess(const std::string& address, uint32_t ti
   if (timeoutMinutes == 0) {
     return LeadingInt(address) == 127 ? status::Ok : status::WinAccessDenied;
   }
-  if (!agent && uri != kLoginUri && EndsWith(uri, ".html")) {
+  if (!agent && uri != kLoginUri && IsHtmlPage(uri)) {
     try {
       const uint64_t now = clock_();
       std::lock_guard<std::mutex> guard(lock_);

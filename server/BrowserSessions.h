@@ -30,7 +30,9 @@ class BrowserSessions {
   /**
    * @brief 0 to admit; 87 for an unknown address, 5 for a remote client of a server without
    * sessions. On a console server an HTML request without a live session is admitted with
-   * `uri` replaced by the login page.
+   * `uri` replaced by the login page. `uri` is the path as it will be served (RoutedPath); its
+   * ".html" is recognised in any case and before trailing dots and blanks, which Windows
+   * ignores when it opens the file.
    */
   long CheckBrowserAccess(const std::string& address, uint32_t timeoutMinutes, bool agent,
                           bool remoteUI, std::string& uri);

@@ -239,26 +239,40 @@ long ServerRequestHandler::ServeConnection(hlp::HttpServerConnection& connection
   return status::Ok;
 }
 
-long ServerRequestHandler::ServeBrowser(hlp::HttpServerConnection& connection, std::string uri,
-                                        const std::string& body) {
+long ServerRequestHandler::ServeBrowser(hlp::HttpServerConnection& connection,
+                                        const std::string& uri, const std::string& body) {
   const std::string address = connection.GetRemoteIpAddress();
-  if (sessions_.CheckBrowserAccess(address, server_->SessionOption(), IsAgent(),
-                                   server_->RemoteUIAllowed(), uri) != status::Ok) {
+  // The gate, the redirect table and the router all look at the one path that is served: a
+  // gate that judged the URI as sent could be passed by spelling a page another way.
+  std::string path = RoutedPath(uri, IsAgent());
+  auto admitted = [&] {
+    return sessions_.CheckBrowserAccess(address, server_->SessionOption(), IsAgent(),
+                                        server_->RemoteUIAllowed(), path) == status::Ok;
+  };
+  if (!admitted()) {
     return connection.SendHttpError(403, "Forbidden", "%s", "Access Denied/Forbidden");
   }
+  const std::string requested = path;
   std::string location;
   uint32_t code = 0;
-  if (webConfig_.ApplyRedirect(uri, location, code) == RedirectAction::Redirect) {
+  if (webConfig_.ApplyRedirect(path, location, code) == RedirectAction::Redirect) {
     const char* reason = hlp::HttpStatusToString(code);
     return connection.SendHttpRedirect(code, reason, location.c_str(), "%s", reason);
   }
+  if (path != requested) {
+    // A relative redirect target is served in the request's place, so it passes the gate too.
+    path = RoutedPath(path, IsAgent());
+    if (!admitted()) {
+      return connection.SendHttpError(403, "Forbidden", "%s", "Access Denied/Forbidden");
+    }
+  }
   AnswerBuffer answer;
-  if (router_.ServeBrowserRequest(uri, body.data(), body.size(), IsAgent(), answer) != status::Ok) {
+  if (router_.ServeRoutedPath(path, body.data(), body.size(), IsAgent(), answer) != status::Ok) {
     return connection.SendHttpError(404, "Not Found", "%s", "File not found");
   }
   const std::string_view whole = answer.View();
   const long st = connection.Write(whole.data(), whole.size());
-  sessions_.UpdateSession(address, uri, whole);
+  sessions_.UpdateSession(address, path, whole);
   return st;
 }
 

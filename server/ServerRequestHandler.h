@@ -75,7 +75,7 @@ class ServerRequestHandler : public hlp::IRequestHandler {
   /** @brief Serves requests on one connection until it ends or the server stops. */
   long ServeConnection(hlp::HttpServerConnection& connection);
   /** @brief One admitted browser request: access, redirect, file or routine. */
-  long ServeBrowser(hlp::HttpServerConnection& connection, std::string uri,
+  long ServeBrowser(hlp::HttpServerConnection& connection, const std::string& uri,
                     const std::string& body);
   bool IsAgent() const;
 

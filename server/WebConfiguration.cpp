@@ -4,6 +4,7 @@
 #include <cstring>
 #include <fstream>
 
+#include "common/FilePath.h"
 #include "common/KroStatus.h"
 #include "common/WinHelper.h"
 #include "hlp/TcpClient.h"
@@ -49,7 +50,7 @@ long WebConfiguration::ReadWebConfiguration() {
     if (file.size() > kMaxConfigurationPath) {
       return status::PathTooLong;
     }
-    return ReadWebConfiguration(std::filesystem::path(file));
+    return ReadWebConfiguration(ToFilePath(file));
   } catch (...) {
     return status::Failure;
   }

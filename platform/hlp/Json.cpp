@@ -221,8 +221,9 @@ bool JsonWriter::Uint64(uint64_t value) {
 }
 
 bool JsonWriter::Double(double value) {
-  return impl_ && impl_->Run(out_, impl_->writer.ValueDue() && std::isfinite(value),
-                             [value](StreamWriter& w) { return w.Double(value); });
+  return impl_ && impl_->Run(out_, impl_->writer.ValueDue(), [value](StreamWriter& w) {
+    return std::isfinite(value) ? w.Double(value) : w.Null();
+  });
 }
 
 bool JsonWriter::ValueCheck() {

@@ -31,8 +31,9 @@ inline constexpr unsigned kJsonMaxDepth = 256;
  *
  * Strings and names that are not valid UTF-8 (they come from the registry, the network and the
  * file system) are written with each invalid sequence replaced by U+FFFD, so the output is
- * always valid JSON. NaN and infinities have no JSON form and are refused. Bytes go straight
- * to the stream: nothing is buffered, so the caller's own output lands where it belongs.
+ * always valid JSON. NaN and infinities have no JSON form and are written as null (as
+ * JavaScript's JSON.stringify does), so one odd measurement cannot cost a whole report. Bytes go
+ * straight to the stream: nothing is buffered, so the caller's own output lands where it belongs.
  * No function throws; a writer that could not be set up is simply never good.
  */
 class JsonWriter {
@@ -93,7 +94,8 @@ enum class JsonToken {
  *
  * The value getters apply to the token just read; they return false (and leave the output
  * alone) when the token is of another kind or the number does not fit. Integer getters accept
- * only numbers written without fraction or exponent. Strings must be valid UTF-8 and nesting
+ * only numbers written without fraction or exponent; TryGetDouble refuses a number beyond the
+ * double range (it would read as an infinity). Strings must be valid UTF-8 and nesting
  * deeper than kJsonMaxDepth is malformed.
  *
  * The constructor tokenises the whole text at once (the RapidJSON release we build on cannot
@@ -161,12 +163,17 @@ class JsonValue {
   /** @brief A number without fraction or exponent that fits 64 bits. */
   bool IsInteger() const;
 
-  bool GetBool() const;           // false unless a bool
-  double GetDouble() const;       // 0 unless a number
+  bool GetBool() const;      // false unless a bool
+  double GetDouble() const;  // 0 unless a number; beyond the double range an infinity
+  /** @brief A finite number into `value`; false (value untouched) for anything else. */
+  bool TryGetDouble(double& value) const;
   int64_t GetInt64() const;       // 0 unless an integer that fits
   uint64_t GetUint64() const;     // 0 unless an integer that fits
   std::string GetString() const;  // empty unless a string
-  /** @brief Numbers and strings as text (12, 12.5, "abc" -> abc); empty for anything else. */
+  /**
+   * @brief Numbers and strings as text (12, 12.5, "abc" -> abc); empty for anything else,
+   * a number beyond the double range included.
+   */
   std::string AsText() const;
 
   /** @brief Member by exact name, or null (also when this is not an object). */
@@ -178,7 +185,7 @@ class JsonValue {
   /** @brief Object member `index`: its value, and its name into `name` unless that is null. */
   const JsonValue* MemberAt(size_t index, std::string* name) const;
 
-  /** @brief The node as compact JSON text. */
+  /** @brief The node as compact JSON text; a number beyond the double range as null. */
   std::string ToString() const;
 
  private:

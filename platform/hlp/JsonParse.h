@@ -12,13 +12,27 @@
 #include <rapidjson/reader.h>
 
 #include "hlp/Json.h"
+#include "hlp/JsonNumber.h"
 
 namespace hlp::detail {
 
-/** @brief Parse flags every caller gets: no recursion, strict UTF-8, exact doubles. */
+/**
+ * @brief Parse flags every caller gets: no recursion, strict UTF-8, numbers as their text.
+ *
+ * RapidJSON only checks a number's grammar here; its own decimal-to-double conversion is never
+ * used, because both of its variants index their power-of-ten tables with an exponent that a
+ * hostile text can push far outside them. ConvertJsonNumber does the conversion instead.
+ */
 inline constexpr unsigned kBaseParseFlags = rapidjson::kParseIterativeFlag |
                                             rapidjson::kParseValidateEncodingFlag |
-                                            rapidjson::kParseFullPrecisionFlag;
+                                            rapidjson::kParseNumbersAsStringsFlag;
+
+/**
+ * @brief Longest text the parser accepts. Every input is far smaller (a request body is at
+ * most 64 MiB); the bound also keeps the parser's exponent arithmetic, which grows with the
+ * length of a number's digits, within a 32-bit int.
+ */
+inline constexpr size_t kJsonMaxText = size_t{128} * 1024 * 1024;
 
 /**
  * @brief Forwards parse events to `Target`, refusing nesting deeper than kJsonMaxDepth.
@@ -38,8 +52,21 @@ class DepthLimited {
   bool Int64(int64_t i) { return target_.Int64(i); }
   bool Uint64(uint64_t u) { return target_.Uint64(u); }
   bool Double(double d) { return target_.Double(d); }
-  bool RawNumber(const char* s, rapidjson::SizeType n, bool copy) {
-    return target_.RawNumber(s, n, copy);
+  bool RawNumber(const char* s, rapidjson::SizeType n, bool /*copy*/) {
+    const JsonNumber number = ConvertJsonNumber(std::string_view(s, n));
+    switch (number.form) {
+      case JsonNumber::Form::kUint:
+        return target_.Uint(static_cast<unsigned>(number.magnitude));
+      case JsonNumber::Form::kUint64:
+        return target_.Uint64(number.magnitude);
+      case JsonNumber::Form::kInt:
+        return target_.Int(static_cast<int>(number.negative));
+      case JsonNumber::Form::kInt64:
+        return target_.Int64(number.negative);
+      case JsonNumber::Form::kDouble:
+        break;
+    }
+    return target_.Double(number.real);
   }
   bool String(const char* s, rapidjson::SizeType n, bool copy) {
     return target_.String(s, n, copy);
@@ -85,6 +112,9 @@ inline std::string DescribeParseError(std::string_view what, size_t offset) {
  */
 template <unsigned Flags, typename Target>
 std::string ParseInto(std::string_view text, Target& target) {
+  if (text.size() > kJsonMaxText) {
+    return DescribeParseError("Text longer than " + std::to_string(kJsonMaxText) + " bytes", 0);
+  }
   rapidjson::MemoryStream stream(text.data(), text.size());
   rapidjson::Reader reader;
   DepthLimited<Target> handler(target);

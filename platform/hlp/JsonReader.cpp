@@ -1,3 +1,4 @@
+#include <cmath>
 #include <cstdint>
 #include <limits>
 #include <new>
@@ -53,7 +54,6 @@ class Recorder {
       item.fraction = d;
     });
   }
-  bool RawNumber(const char*, rapidjson::SizeType, bool) { return false; }  // not requested
   bool String(const char* s, rapidjson::SizeType n, bool) {
     return Add(JsonToken::String, [s, n](Item& item) { item.text.assign(s, n); });
   }
@@ -202,6 +202,10 @@ bool JsonReader::TryGetDouble(double& value) const {
       value = static_cast<double>(item->magnitude);
       break;
     case Item::Form::kFraction:
+      // A number beyond the double range reads as an infinity, which no caller can store.
+      if (!std::isfinite(item->fraction)) {
+        return false;
+      }
       value = item->fraction;
       break;
   }

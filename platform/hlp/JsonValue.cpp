@@ -1,4 +1,5 @@
 #include <charconv>
+#include <cmath>
 #include <new>
 #include <vector>
 
@@ -106,6 +107,14 @@ double JsonValue::GetDouble() const {
   return impl_->value->IsNumber() ? impl_->value->GetDouble() : 0;
 }
 
+bool JsonValue::TryGetDouble(double& value) const {
+  if (!impl_->value->IsNumber() || !std::isfinite(impl_->value->GetDouble())) {
+    return false;
+  }
+  value = impl_->value->GetDouble();
+  return true;
+}
+
 int64_t JsonValue::GetInt64() const {
   return impl_->value->IsInt64() ? impl_->value->GetInt64() : 0;
 }
@@ -134,7 +143,7 @@ std::string JsonValue::AsText() const {
     if (value.IsInt64()) {
       return std::to_string(value.GetInt64());
     }
-    if (value.IsNumber()) {
+    if (value.IsNumber() && std::isfinite(value.GetDouble())) {
       // The shortest text that reads back as the same double: 8443.0 gives "8443".
       char buffer[32];
       const auto result = std::to_chars(buffer, buffer + sizeof buffer, value.GetDouble());
@@ -184,10 +193,24 @@ const JsonValue* JsonValue::MemberAt(size_t index, std::string* name) const {
   return impl_->children[index].get();
 }
 
+namespace {
+
+/**
+ * @brief RapidJSON's writer, except that a number beyond the double range (held as an infinity)
+ * is written as null: the plain writer would stop there and leave half a text behind.
+ */
+class FiniteWriter : public rapidjson::Writer<rapidjson::StringBuffer> {
+ public:
+  using Writer::Writer;
+  bool Double(double d) { return std::isfinite(d) ? Writer::Double(d) : Writer::Null(); }
+};
+
+}  // namespace
+
 std::string JsonValue::ToString() const {
   try {
     rapidjson::StringBuffer buffer;
-    rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
+    FiniteWriter writer(buffer);
     impl_->value->Accept(writer);
     return std::string(buffer.GetString(), buffer.GetSize());
   } catch (const std::bad_alloc&) {

@@ -98,7 +98,10 @@ TEST_F(AgentConfigurationTests, LoadAppliesNumbersTruncatedAndUnchecked) {
       {R"({"MaxConnections":7.99})", DefaultsWith("MaxConnections", "7")},
       {R"({"ConnRetryTimeout":-12.9})", DefaultsWith("ConnRetryTimeout", "4294967284")},
       {R"({"ConnRetryInterval":4294967296})", DefaultsWith("ConnRetryInterval", "0")},
-      {R"({"DialHomeThirdRetry":1e300})", DefaultsWith("DialHomeThirdRetry", "4294967295")},
+      // Beyond 64 bits or beyond the double range: left alone, as a member of another type.
+      {R"({"DialHomeThirdRetry":1e300,"DialHomeInterval":2e308,"ConnTimeout":-1e19})", kDefaults},
+      {R"({"MaxConnections":0e-66})", DefaultsWith("MaxConnections", "0")},
+      {R"({"ConnRetryTimeout":1.0000000000000000001e-330})", DefaultsWith("ConnRetryTimeout", "0")},
       {R"({"LoggingLevel":5})", DefaultsWith("LoggingLevel", "5")},
       {R"({"LoggingLevel":6})", kDefaults},
       {R"({"LoggingLevel":"2","AlertsCleanupInterval":true,"DialHomeSecondRetry":null})",

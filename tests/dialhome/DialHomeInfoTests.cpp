@@ -238,6 +238,55 @@ TEST_F(DialHomeInfoTests, JsonMergeStopsAtTheFirstWrongType) {
   }
 }
 
+// A name goes into the settings line as it stands, so one that the line cannot give back
+// unchanged would come back as other items: another home, another agent port, TLS off.
+TEST_F(DialHomeInfoTests, NamesRoundTripThroughTheLineOrAreRefused) {
+  struct Case {
+    const char* value;  // as JSON text
+    bool writable;
+  };
+  const Case cases[] = {
+      {"mgmt01.example.com", true},
+      {"NODE-7_x;y/z@w", true},
+      {"caf\xc3\xa9", true},
+      {"mgmt01,AgentSSL:N,AgentPort:80,HomeName:evil.example", false},
+      {"a:b", false},
+      {"a=b", false},
+      {"a b", false},
+      {"a\\tb", false},
+      {"a\\u0000b", false},
+      {"a\\u007fb", false},
+      {"srvHomePort", false},
+      {"", false},
+  };
+  for (const char* key : {"HomeName", "SystemName"}) {
+    for (const Case& c : cases) {
+      SCOPED_TRACE(std::string(key) + "=" + c.value);
+      DialHomeInfo record = Full();
+      const DialHomeInfo before = record;
+      const std::string json = std::string("{\"") + key + "\":\"" + c.value + "\"}";
+      EXPECT_EQ(ParseDialHomeInfoJson(record, json.c_str()),
+                c.writable ? status::Ok : status::NotAvailable);
+      if (!c.writable) {
+        EXPECT_EQ(Changes(record, before), "");
+        (std::string(key) == "HomeName" ? record.homeName : record.systemName) = "x,AgentPort:1";
+        std::string line;
+        EXPECT_EQ(FormatDialHomeInfo(record, line), status::NotAvailable);
+        continue;
+      }
+      std::string line;
+      ASSERT_EQ(FormatDialHomeInfo(record, line), status::Ok);
+      DialHomeInfo back;
+      ASSERT_EQ(ParseDialHomeInfoLine(back, line), status::Ok);
+      EXPECT_EQ(Changes(back), Changes(record));
+      WriteSettings(line + "\n");
+      std::string value;
+      ASSERT_EQ(GetDialHomeInfoValue(key, value), status::Ok);
+      EXPECT_EQ(value, std::string(key) == "HomeName" ? record.homeName : record.systemName);
+    }
+  }
+}
+
 TEST_F(DialHomeInfoTests, JsonFormRoundTrips) {
   std::ostringstream out;
   hlp::JsonWriter writer(out);
@@ -291,6 +340,8 @@ TEST_F(DialHomeInfoTests, StartupSettingsSetModeAndPhaseHours) {
        status::NotAvailable, ""},
       {R"({"BAPhaseDuration":[]})", status::NotAvailable, ""},
       {R"({"startArbalo":"1"})", status::NotAvailable, ""},
+      {R"({"startArbalo":0e-66})", status::Ok, "flags=0x21"},  // zero, so Paused stays
+      {R"({"startArbalo":2e308})", status::NotAvailable, ""},
       {"[]", status::NotAvailable, ""},
       {"{", status::NotAvailable, ""},
   };

@@ -160,6 +160,14 @@ TEST_F(BrowserRouterServeTests, FilesAndRoutinesAnswerWithTheirHeaders) {
       {"/arbalo/missing.html", true, false, "", ""},
       {"/arbalo/../secret.txt", true, false, "", ""},
       {"/arbalo/.\\./secret.txt", true, false, "", ""},
+      // Escapes are decoded before the normalising, so they cannot smuggle a climb past it.
+      {"/arbalo/%69ndex.html", true, true, "content-Type: text/html\r\n", "<p>home</p>"},
+      {"/arbalo/%2e%2e/secret.txt", true, false, "", ""},
+      {"/arbalo/%2E%2E%5Csecret.txt", true, false, "", ""},
+      {"/arbalo/index.html%00.txt", true, false, "", ""},
+      // Another spelling of a page on Windows (a file stream, a short name) is not a UI file.
+      {"/arbalo/index.html::$DATA", true, false, "", ""},
+      {"/arbalo/INDEX~1.HTM", true, false, "", ""},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.uri);

@@ -20,6 +20,7 @@
 #include "server/KroServer.h"
 #include "server/ServerRequestHandler.h"
 #include "tests/server/HttpTestClient.h"
+#include "tests/server/InboundRecord.h"
 #include "tests/support/TestSupport.h"
 
 namespace kro {
@@ -77,8 +78,10 @@ class LiveServerTests : public testing::Test {
   }
 
   void StartServer(const std::vector<ServerEndpoint>& endpoints,
-                   const std::wstring& certificate = L"") {
-    ASSERT_EQ(server_->Init(endpoints, &routines_, certificate, "KroAgent", 0), status::Ok);
+                   const std::wstring& certificate = L"", const char* component = "KroAgent",
+                   uint32_t sessionMinutes = 0) {
+    ASSERT_EQ(server_->Init(endpoints, &routines_, certificate, component, sessionMinutes),
+              status::Ok);
     ASSERT_EQ(server_->Start(), status::Ok);
     // Once the start is reported over, the server listens: no retrying.
     ASSERT_TRUE(server_->WaitForStart(std::chrono::seconds(10)));
@@ -149,6 +152,56 @@ TEST_F(LiveServerTests, JobExchangeDrainsWhatRelayRoutinesQueued) {
   reply = SendRaw(port_, exchange);
   EXPECT_NE(reply.Head().find("content-Length: 0\r\n"), std::string::npos) << reply.raw;
   EXPECT_EQ(reply.Body(), "");
+}
+
+// Requests that fuzzing found to crash the server or to be misread; each is answered as
+// written, and the server goes on serving.
+TEST_F(LiveServerTests, HostileRequestsAreAnsweredAndTheServerLives) {
+  install_.Write("User Interface/caf\xc3\xa9.html", "<p>accent</p>");
+  StartServer({{port_, false}});
+  auto job = [](const std::string& first) {
+    return MakeRequest("POST", "/kro/jobs", "KroMaster/1.2",
+                       kro::test::InboundRecord("Any", first, ""));
+  };
+  struct Case {
+    const char* name;
+    std::string request;
+    int status;
+    const char* inAnswer;
+  };
+  const Case cases[] = {
+      {"decimal exponent below the power table", job("1.0000000000000000001e-330"), 200,
+       "content-Length: 0"},
+      {"exponent that overflows an int", job("0.0000000000e-2147483639"), 200, "content-Length: 0"},
+      {"non-ASCII file name", MakeRequest("GET", "/arbalo/caf\xc3\xa9.html", kBrowser), 200,
+       "<p>accent</p>"},
+      {"percent-encoded file name", MakeRequest("GET", "/arbalo/caf%C3%A9.html?v=2", kBrowser), 200,
+       "<p>accent</p>"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    const kro::test::HttpReply reply = SendRaw(port_, c.request);
+    EXPECT_EQ(reply.Status(), c.status) << reply.raw;
+    EXPECT_NE(reply.raw.find(c.inAnswer), std::string::npos) << reply.raw;
+  }
+  EXPECT_EQ(SendRaw(port_, MakeRequest("GET", "/", "")).Status(), 200);
+}
+
+// The session gate must judge the path the router serves, whatever spelling reaches it.
+TEST_F(LiveServerTests, ConsoleServerPagesNeedASessionHoweverTheyAreSpelled) {
+  install_.Write("User Interface/master/secret.html", "secret");
+  install_.Write("User Interface/Master/login.html", "login page");
+  StartServer({{port_, false}}, L"", "KroMaster", 30);
+  for (const char* uri :
+       {"/kro/master/secret.html", "/kro/master/secret.html?", "/kro/master/secret.html?a=1",
+        "/kro/master/secret.html\\", "/kro/master/secret.ht..ml", "/kro/master/secret%2ehtml",
+        "//kro/master/secret.html", "/kro/master/secret.HTML"}) {
+    SCOPED_TRACE(uri);
+    const kro::test::HttpReply reply = SendRaw(port_, MakeRequest("GET", uri, kBrowser));
+    EXPECT_EQ(reply.Body().find("secret"), std::string::npos) << reply.raw;
+  }
+  EXPECT_EQ(SendRaw(port_, MakeRequest("GET", "/kro/master/secret.html", kBrowser)).Body(),
+            "login page");
 }
 
 TEST_F(LiveServerTests, PortChangeMovesTheListener) {

@@ -8,21 +8,14 @@
 
 #include "common/KroStatus.h"
 #include "server/JobRecord.h"
+#include "tests/server/InboundRecord.h"
 
 namespace kro {
 namespace {
 
 namespace status = kro::status;
 
-// A record as the upper tier sends it: five words, then the texts with their zeros.
-std::string Inbound(const std::string& name, const std::string& first, const std::string& second) {
-  auto word = [](uint32_t v) { return std::string(reinterpret_cast<const char*>(&v), 4); };
-  const uint32_t total = static_cast<uint32_t>(20 + name.size() + first.size() + second.size() + 3);
-  return word(total) + word(0) + word(static_cast<uint32_t>(name.size() + 1)) +
-         word(static_cast<uint32_t>(first.size() + 1)) +
-         word(static_cast<uint32_t>(second.size() + 1)) + name + '\0' + first + '\0' + second +
-         '\0';
-}
+using kro::test::InboundRecord;
 
 // Splits outbound records (four words each) back into their three texts.
 std::vector<std::vector<std::string>> Outbound(const std::string& data) {
@@ -104,14 +97,15 @@ TEST_F(UpstreamQueueTests, InboundRecordsReachTheirRoutinesAndAnswersQueue) {
     throw std::runtime_error("boom");
   });
   const std::string job = R"({"jobDetails":{"id":7}})";
-  std::string broken = Inbound("Echo", "lost", "");
+  std::string broken = InboundRecord("Echo", "lost", "");
   broken[8] = 100;  // the name would run past the record
   // A zero size ends the walk: nothing after it can be found (and the walk must not spin).
 
-  ASSERT_EQ(Exchange(Inbound("Echo", "hi", "") + broken + Inbound("Crash", "x", "") +
-                     Inbound("ProcessJob", job, "job-7") + Inbound("Other", job, "job-8") +
-                     std::string(4, '\0') + Inbound("Echo", "after a zero size", "")),
-            status::Ok);
+  ASSERT_EQ(
+      Exchange(InboundRecord("Echo", "hi", "") + broken + InboundRecord("Crash", "x", "") +
+               InboundRecord("ProcessJob", job, "job-7") + InboundRecord("Other", job, "job-8") +
+               std::string(4, '\0') + InboundRecord("Echo", "after a zero size", "")),
+      status::Ok);
   EXPECT_EQ(processJobSlot, "job-7");
   const std::vector<std::vector<std::string>> expected = {
       {"Echo", "echo:hi", "hi"},
