@@ -47,6 +47,8 @@ constexpr long ServerNotStarted = Code(0x80000192);
 constexpr long DuplicateProduct = Code(0x80000194);
 constexpr long EmptyRecord = Code(0x80000195);
 constexpr long PortUnavailable = Code(0x80000206);
+// Not a failure of the connection: it waits on the server's loop for its next request.
+constexpr long Pending = Code(0x80000207);
 
 /** @brief A Windows (or, on POSIX, errno) error `e` as a status: (e & 0xFFFF) | 0x80070000. */
 constexpr long FromWin32(uint32_t e) {

@@ -27,6 +27,14 @@ void CaptureStopRequests();
 /** @brief Blocks until a stop request arrives; returns its name ("SIGTERM", "Ctrl+C", ...). */
 std::string WaitForStopRequest();
 
+/**
+ * @brief Lets the process open as many files and sockets as the system allows it (on POSIX the
+ * soft descriptor limit is raised to the hard one; Windows has no such limit). The agent's
+ * server sizes its connection cap from what this left. Returns the limit now in force, 0 when
+ * it is unknown or unlimited.
+ */
+unsigned long RaiseOpenFileLimit();
+
 /** @brief The local wall-clock time as "2024-05-01 14:03:22"; safe on any thread. */
 std::string LocalTimeText();
 

@@ -1,6 +1,7 @@
 #include <dlfcn.h>
 #include <signal.h>
 #include <string.h>
+#include <sys/resource.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -38,6 +39,21 @@ sigset_t StopSignals() {
   return set;
 }
 }  // namespace
+
+unsigned long RaiseOpenFileLimit() {
+  rlimit limit{};
+  if (getrlimit(RLIMIT_NOFILE, &limit) != 0) {
+    return 0;
+  }
+  if (limit.rlim_cur < limit.rlim_max) {
+    rlimit raised = limit;
+    raised.rlim_cur = limit.rlim_max;
+    if (setrlimit(RLIMIT_NOFILE, &raised) == 0) {
+      limit = raised;
+    }
+  }
+  return limit.rlim_cur == RLIM_INFINITY ? 0 : static_cast<unsigned long>(limit.rlim_cur);
+}
 
 void CaptureStopRequests() {
   const sigset_t set = StopSignals();

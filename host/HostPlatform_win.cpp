@@ -44,6 +44,10 @@ void* FindExport(void* module, const char* name) {
   return reinterpret_cast<void*>(GetProcAddress(static_cast<HMODULE>(module), name));
 }
 
+unsigned long RaiseOpenFileLimit() {
+  return 0;  // sockets are handles; there is no per-process descriptor table to raise
+}
+
 void CaptureStopRequests() {
   g_stopEvent = CreateEventW(nullptr, TRUE, FALSE, nullptr);
   SetConsoleCtrlHandler(OnConsoleControl, TRUE);

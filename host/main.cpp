@@ -178,6 +178,8 @@ int main(int argc, char** argv) {
 
   // Before the module starts any thread, so that every thread inherits it.
   kro::host::CaptureStopRequests();
+  // Before the module's server sizes its connection cap from it.
+  kro::host::RaiseOpenFileLimit();
 
   Module module;
   if (!LoadAgentModule(module)) {

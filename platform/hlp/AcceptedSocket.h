@@ -1,40 +1,39 @@
 #pragma once
 
 #include <atomic>
-#include <cstdint>
 #include <memory>
-#include <string>
 
 namespace hlp::detail {
 
-struct PeerStream;
+struct Session;
 
 /**
- * @brief What the server knows of one accepted connection, shared by every Socket handle of
- * it and by the HttpServerConnection that serves it. Internal to the server library.
+ * @brief One hand-over of a connection to a worker, made when a whole request is in: what every
+ * Socket handle of it and the HttpServerConnection that serves it share. Internal to the
+ * server library.
+ *
+ * The connection goes back to the server's loop exactly once: when the serving connection
+ * releases it, or, should nobody take or release it, when the last handle goes.
  */
 struct AcceptedSocket {
-  AcceptedSocket();
+  explicit AcceptedSocket(std::shared_ptr<Session> served);
   ~AcceptedSocket();
   AcceptedSocket(const AcceptedSocket&) = delete;
   AcceptedSocket& operator=(const AcceptedSocket&) = delete;
 
-  /** @brief True for the one caller that takes the connection over; it stops counting as waiting.
-   */
+  /** @brief True for the one caller that takes the connection over. */
   bool Take();
+  /**
+   * @brief Gives the connection back to the loop: to wait there for its next request when
+   * `next`, else to be closed once its answer is out. Only the first call counts.
+   */
+  void Release(bool next);
 
-  std::string remoteIp;
-  uint16_t localPort = 0;
-  bool tls = false;
-  /** @brief Bounds every read and write of the connection (the server's setting when accepted). */
-  uint32_t timeoutMs = 0;
-  /** @brief The socket and its private io_context; see PeerStream.h. */
-  std::unique_ptr<PeerStream> peer;
-  /** @brief The server's count of connections no worker has taken yet; null until handed out. */
-  std::shared_ptr<std::atomic<int>> waiting;
+  const std::shared_ptr<Session> session;
 
  private:
   std::atomic<bool> taken_{false};
+  std::atomic<bool> released_{false};
 };
 
 }  // namespace hlp::detail

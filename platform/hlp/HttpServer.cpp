@@ -8,13 +8,11 @@
 #include <utility>
 
 #include "common/KroStatus.h"
-#include "hlp/AcceptedSocket.h"
 #include "hlp/HttpServerConnection.h"
 #include "hlp/IRequestHandler.h"
-#include "hlp/PeerStream.h"
-#include "hlp/PlainSocketIo.h"
 #include "hlp/SSLContext.h"
-#include "hlp/Socket.h"
+#include "hlp/ServerCore.h"
+#include "hlp/ServerSession.h"
 #include "hlp/WinsockHelper.h"
 
 namespace hlp {
@@ -25,19 +23,11 @@ using tcp = asio::ip::tcp;
 
 namespace {
 
-// Connections accepted but not yet taken by a worker. Beyond it new ones are closed at once,
-// so that a flood cannot exhaust descriptors or memory while the workers are busy. Each one
-// holds a few descriptors (its socket and its own event loop's), so the cap stays well inside
-// the usual limit of 1024 descriptors per process.
-constexpr int kMaxWaitingConnections = 200;
 // A failing accept is retried after this pause, whatever the idle wait.
 constexpr auto kAcceptRetryPause = std::chrono::milliseconds(kDefaultIdleWaitMs);
 constexpr auto kStopWait = std::chrono::seconds(10);
 
-struct PortEntry {
-  uint16_t port = 0;
-  bool tls = false;
-};
+using PortEntry = std::pair<uint16_t, bool>;  // a port and whether it speaks TLS
 
 // "4800s,4801": decimal ports separated by ",", each optionally followed by "s" for TLS.
 bool ParsePorts(const std::string& list, std::vector<PortEntry>& entries) {
@@ -45,9 +35,9 @@ bool ParsePorts(const std::string& list, std::vector<PortEntry>& entries) {
   while (pos <= list.size()) {
     const size_t comma = std::min(list.find(',', pos), list.size());
     std::string_view item(list.data() + pos, comma - pos);
-    PortEntry entry;
+    PortEntry entry{0, false};
     if (!item.empty() && (item.back() == 's' || item.back() == 'S')) {
-      entry.tls = true;
+      entry.second = true;
       item.remove_suffix(1);
     }
     if (item.empty() || item.size() > 5) {
@@ -63,7 +53,7 @@ bool ParsePorts(const std::string& list, std::vector<PortEntry>& entries) {
     if (port > 65535) {
       return false;
     }
-    entry.port = static_cast<uint16_t>(port);
+    entry.first = static_cast<uint16_t>(port);
     entries.push_back(entry);
     pos = comma + 1;
   }
@@ -76,71 +66,36 @@ long SocketStatus(const boost::system::error_code& ec) {
 
 }  // namespace
 
-struct Listener {
-  explicit Listener(asio::io_context& io) : acceptor(io) {}
+ServerCore::ServerCore()
+    : link(std::make_shared<LoopLink>(this)),
+      budget(std::make_shared<BodyBudget>()),
+      maxConnections(WinsockHelper::ConnectionLimit(kDefaultMaxConnections)) {}
 
-  tcp::acceptor acceptor;
-  uint16_t port = 0;  // as bound
-  bool tls = false;
-  bool armed = false;   // an accept is pending
-  bool closed = false;  // accepts completing after the close are dropped
-};
-
-/** @brief Everything of the server that needs Asio; touched only by the polling thread. */
-struct ServerCore {
-  asio::io_context io{1};
-  std::vector<std::shared_ptr<Listener>> listeners;
-  SSLContext* tls = nullptr;
-  IRequestHandler* handler = nullptr;
-  bool started = false;
-  bool acceptFailed = false;
-
-  std::atomic<uint32_t> timeoutMs{kConnectionTimeoutSeconds * 1000u};
-  std::atomic<uint32_t> idleWaitMs{kDefaultIdleWaitMs};
-  std::shared_ptr<std::atomic<int>> waiting = std::make_shared<std::atomic<int>>(0);
-
-  mutable std::mutex portsMutex;
-  std::vector<uint16_t> boundPorts;
-
-  std::mutex connectionsMutex;
-  std::vector<std::weak_ptr<AcceptedSocket>> connections;
-
-  std::mutex stopMutex;
-  std::condition_variable stopCv;
-  bool finishedStopping = false;
-
-  void Arm(const std::shared_ptr<Listener>& listener);
-  void OnAccept(const std::shared_ptr<Listener>& listener,
-                const std::shared_ptr<AcceptedSocket>& accepted,
-                const boost::system::error_code& ec);
-  void HandOver(const std::shared_ptr<Listener>& listener,
-                const std::shared_ptr<AcceptedSocket>& accepted);
-  long Bind(const std::vector<PortEntry>& entries);
-  void CloseListeners();
-  void CloseConnections();
-};
-
-AcceptedSocket::AcceptedSocket() = default;
-
-AcceptedSocket::~AcceptedSocket() {
-  if (waiting && !taken_.load()) {
-    waiting->fetch_sub(1);
+ServerCore::~ServerCore() {
+  link->Cut();
+  CloseListeners();
+  CloseConnections();
+  // Lets every cancelled wait finish now, so that no handler keeps a connection (and with it
+  // this loop) alive.
+  for (int round = 0; round < 8; ++round) {
+    io.restart();
+    if (io.poll() == 0) {
+      break;
+    }
   }
 }
 
 void ServerCore::Arm(const std::shared_ptr<Listener>& listener) {
-  auto accepted = std::make_shared<AcceptedSocket>();
-  accepted->peer = std::make_unique<PeerStream>();
-  // The connection lands directly on its own io_context, which its worker will run.
-  listener->acceptor.async_accept(accepted->peer->accepted,
-                                  [this, listener, accepted](const boost::system::error_code& ec) {
-                                    OnAccept(listener, accepted, ec);
+  auto socket = std::make_shared<tcp::socket>(io);
+  listener->acceptor.async_accept(*socket,
+                                  [this, listener, socket](const boost::system::error_code& ec) {
+                                    OnAccept(listener, socket, ec);
                                   });
   listener->armed = true;
 }
 
 void ServerCore::OnAccept(const std::shared_ptr<Listener>& listener,
-                          const std::shared_ptr<AcceptedSocket>& accepted,
+                          const std::shared_ptr<tcp::socket>& socket,
                           const boost::system::error_code& ec) {
   listener->armed = false;
   if (listener->closed) {
@@ -158,63 +113,60 @@ void ServerCore::OnAccept(const std::shared_ptr<Listener>& listener,
     acceptFailed = true;
   }
   try {
-    HandOver(listener, accepted);
+    Admit(listener, std::move(*socket));
   } catch (...) {
     // The connection is dropped; the server goes on.
   }
 }
 
-void ServerCore::HandOver(const std::shared_ptr<Listener>& listener,
-                          const std::shared_ptr<AcceptedSocket>& accepted) {
-  PeerStream& peer = *accepted->peer;
+void ServerCore::Admit(const std::shared_ptr<Listener>& listener, tcp::socket socket) {
   boost::system::error_code ignored;
-  if (waiting->load() >= kMaxWaitingConnections || handler == nullptr) {
-    peer.accepted.close(ignored);
+  if (handler == nullptr || (listener->tls && (tls == nullptr || !tls->HasCertificate()))) {
+    socket.close(ignored);
     return;
   }
-  // Small answers would otherwise wait for the peer's delayed acknowledgement (~40 ms).
-  peer.accepted.set_option(tcp::no_delay(true), ignored);
-  const tcp::endpoint remote = peer.accepted.remote_endpoint(ignored);
-  if (!ignored) {
-    accepted->remoteIp = remote.address().to_string();
-  }
-  accepted->localPort = listener->port;
-  accepted->tls = listener->tls;
-  accepted->timeoutMs = timeoutMs.load();
-  if (listener->tls) {
-    if (tls == nullptr || !tls->HasCertificate()) {
-      peer.accepted.close(ignored);
+  if (open.size() >= maxConnections.load()) {
+    // Full: the connection that has waited longest for its request makes room, so that slow
+    // or idle peers can never lock a quick one out. With none waiting, the newcomer goes.
+    if (waitingForHead.empty()) {
+      socket.close(ignored);
       return;
     }
-    // Only the TLS state is created here; the handshake runs on the worker.
-    peer.secure = std::make_unique<PeerStream::TlsStream>(std::move(peer.accepted), tls->Native());
-  } else {
-    peer.plain = std::make_unique<boost::beast::tcp_stream>(std::move(peer.accepted));
-    if (PreparePlainSocket(peer)) {
-      peer.plain->socket().close(ignored);
-      return;
-    }
+    waitingForHead.front()->CloseNow();
   }
-
-  {
-    std::lock_guard<std::mutex> lock(connectionsMutex);
-    std::erase_if(connections, [](const std::weak_ptr<AcceptedSocket>& c) { return c.expired(); });
-    connections.push_back(accepted);
-  }
-  waiting->fetch_add(1);
-  accepted->waiting = waiting;
-
-  const Socket socket(accepted);
-  handler->HandleRequest(&socket);
+  auto session =
+      std::make_shared<Session>(*this, std::move(socket), listener->tls, timeoutMs.load());
+  session->localPort = listener->port;
+  open.emplace(session.get(), session);
+  openCount.store(open.size());
+  session->Start();
 }
 
-long ServerCore::Bind(const std::vector<PortEntry>& entries) {
-  std::vector<uint16_t> ports;
-  for (const PortEntry& entry : entries) {
+void ServerCore::Forget(Session* session) {
+  open.erase(session);
+  openCount.store(open.size());
+}
+
+void ServerCore::WakeBudgetQueue() {
+  while (!budgetQueue.empty() && budget->used.load() < budget->limit.load()) {
+    const std::shared_ptr<Session> session = budgetQueue.front().lock();
+    budgetQueue.pop_front();
+    if (session) {
+      session->ResumeBody();
+    }
+  }
+  if (!budgetQueue.empty()) {
+    budget->waiters.store(true);
+  }
+}
+
+long ServerCore::Bind(const std::vector<std::pair<uint16_t, bool>>& ports) {
+  std::vector<uint16_t> bound;
+  for (const auto& [port, secure] : ports) {
     auto listener = std::make_shared<Listener>(io);
-    listener->tls = entry.tls;
+    listener->tls = secure;
     listeners.push_back(listener);
-    const tcp::endpoint endpoint(tcp::v4(), entry.port);
+    const tcp::endpoint endpoint(tcp::v4(), port);
     boost::system::error_code ec;
     listener->acceptor.open(endpoint.protocol(), ec);
     if (!ec && WinsockHelper::ListenersReuseAddress()) {
@@ -233,13 +185,13 @@ long ServerCore::Bind(const std::vector<PortEntry>& entries) {
       CloseListeners();
       return SocketStatus(ec);
     }
-    ports.push_back(listener->port);
+    bound.push_back(listener->port);
   }
   for (const auto& listener : listeners) {
     Arm(listener);
   }
   std::lock_guard<std::mutex> lock(portsMutex);
-  boundPorts = std::move(ports);
+  boundPorts = std::move(bound);
   return kro::status::Ok;
 }
 
@@ -260,19 +212,17 @@ void ServerCore::CloseListeners() {
 }
 
 void ServerCore::CloseConnections() {
-  std::vector<std::shared_ptr<AcceptedSocket>> open;
-  {
-    std::lock_guard<std::mutex> lock(connectionsMutex);
-    for (const auto& weak : connections) {
-      if (auto connection = weak.lock()) {
-        open.push_back(std::move(connection));
-      }
-    }
-    connections.clear();
+  std::vector<std::shared_ptr<Session>> all;
+  all.reserve(open.size());
+  for (const auto& entry : open) {
+    all.push_back(entry.second);
   }
-  for (const auto& connection : open) {
-    connection->peer->CloseFromAnyThread();
+  for (const auto& session : all) {
+    // A worker serving one sees its next operation fail and gives it back.
+    session->closing.store(true);
+    session->CloseNow();
   }
+  budgetQueue.clear();
 }
 
 }  // namespace detail
@@ -296,7 +246,7 @@ long HttpServer::Start(SSLContext* tls, const std::string& ports, IRequestHandle
       return kro::status::NotAvailable;
     }
     for (const auto& entry : entries) {
-      if (entry.tls && tls == nullptr) {
+      if (entry.second && tls == nullptr) {
         return kro::status::NotAvailable;
       }
     }
@@ -369,7 +319,7 @@ long HttpServer::Restart(const std::string& ports) {
       return kro::status::NotAvailable;
     }
     for (const auto& entry : entries) {
-      if (entry.tls && core.tls == nullptr) {
+      if (entry.second && core.tls == nullptr) {
         return kro::status::NotAvailable;
       }
     }
@@ -436,6 +386,18 @@ void HttpServer::SetIdleWait(uint32_t milliseconds) {
   } catch (...) {
     // Without the post the new wait applies from the next Poll on.
   }
+}
+
+void HttpServer::SetConnectionLimit(size_t connections) {
+  core_->maxConnections.store(WinsockHelper::ConnectionLimit(connections == 0 ? 1 : connections));
+}
+
+void HttpServer::SetBodyBudget(uint64_t bytes) {
+  core_->budget->limit = static_cast<int64_t>(std::min<uint64_t>(bytes, INT64_MAX));
+}
+
+size_t HttpServer::OpenConnections() const {
+  return core_->openCount.load();
 }
 
 void HttpServer::SetConnectionTimeout(uint32_t milliseconds) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -19,12 +20,21 @@ struct ServerCore;
 inline constexpr uint32_t kDefaultIdleWaitMs = 10;
 
 /**
- * @brief An HTTP/HTTPS listener on Boost.Asio, driven by the caller's polling thread.
+ * @brief An HTTP/HTTPS server on Boost.Asio, whose event loop is the caller's polling thread.
  *
  * The port list is a string such as "4800s,4801": decimal ports separated by ",", each
  * followed by "s" when it speaks TLS. Every port listens on every IPv4 address of the machine.
- * `Poll` accepts what is pending and hands each connection to the request handler; the
- * handler serves it on a thread of its own with an HttpServerConnection.
+ *
+ * A connection waits on the loop, holding no thread, for everything that depends on its peer:
+ * the TLS handshake, each request line and header block, the request body, and the peer taking
+ * an answer. Only when a whole request is in does `Poll` hand the connection to the request
+ * handler (HandleRequest), which serves it on a worker with an HttpServerConnection and then
+ * lets go of it; the connection goes back to the loop for its next request. Limits that hold
+ * for any number of peers: kMaxHeaderBytes (431), kMaxContentLength (413), the connection
+ * time-out for each header block (handshake included) and for each MiB of a body or an answer,
+ * a cap on open connections (when it is reached, the connection that has waited longest for a
+ * header block is closed to make room) and a budget for bodies in memory (beyond it, reading
+ * bodies pauses until others are done).
  *
  * State is a number the owner gives meaning to (the agent: 0 initialised, 1 running, 3
  * stopped); workers read it through GetState.
@@ -86,6 +96,16 @@ class HttpServer {
    * connection. kConnectionTimeoutSeconds unless set (tests shorten it); 0 keeps the old value.
    */
   void SetConnectionTimeout(uint32_t milliseconds);
+
+  /**
+   * @brief The most connections kept open at once (the default: 10,000, or what the process's
+   * descriptor limit allows). Takes effect for connections accepted from now on.
+   */
+  void SetConnectionLimit(size_t connections);
+  /** @brief Request body bytes held in memory at once by all connections (256 MiB unless set). */
+  void SetBodyBudget(uint64_t bytes);
+  /** @brief Connections open now, whether a worker serves them or they wait on the loop. */
+  size_t OpenConnections() const;
 
   detail::ServerCore& Core() { return *core_; }
 

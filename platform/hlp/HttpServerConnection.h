@@ -21,16 +21,20 @@ inline constexpr size_t kMaxHeaderBytes = 64 * 1024;
 /** @brief Largest Content-Length accepted (413 beyond it, before anything is allocated). */
 inline constexpr uint64_t kMaxContentLength = 64ull * 1024 * 1024;
 /**
- * @brief A request's headers must arrive, and an idle kept-alive connection is closed, within;
- * each read and write of up to 1 MiB also ends within it. The default of
+ * @brief A request's handshake and headers must arrive, and an idle kept-alive connection is
+ * closed, within; each MiB of a body or an answer must also move within it. The default of
  * HttpServer::SetConnectionTimeout.
  */
 inline constexpr int kConnectionTimeoutSeconds = 30;
 
 /**
- * @brief One accepted connection, served on one worker thread with blocking calls that each
- * end within the connection time-out. Every call returns 0 or a non-zero status; once a call
- * failed, the connection is over and every later call fails at once.
+ * @brief A worker's hold on one connection while its requests are served.
+ *
+ * The server hands a connection over (IRequestHandler::HandleRequest) once a whole request,
+ * body included, is in; nothing here waits for the peer. Answers go out at once as far as the
+ * connection takes them; the rest is sent by the server's loop after the worker lets go.
+ * Every call returns 0 or a non-zero status; once a call failed, the connection is over and
+ * every later call fails at once.
  */
 class HttpServerConnection {
  public:
@@ -43,27 +47,33 @@ class HttpServerConnection {
   long SetClient(const Socket& socket);
 
   /**
-   * @brief Reads the next request's line and headers (after the TLS handshake, on a TLS
-   * port). Non-zero ends the connection: closed by the client, time-out, the client asked
-   * to close after its previous request, or a request refused here with its answer already
-   * sent and the connection closed (malformed: 400; line and headers above kMaxHeaderBytes:
-   * 431; "Content-Length" above kMaxContentLength: 413; a chunked body: 411).
+   * @brief The next request's line and headers. The first call gives the request the
+   * connection was handed over for; a later one gives a request that arrived whole behind it.
+   * Otherwise kro::status::Pending: the worker is done for now and lets go (CloseConnection),
+   * and the connection waits on the server's loop for its next request, which is handed over
+   * anew. Any other non-zero status ends the connection: the peer is gone, or it asked to
+   * close after its previous request. Requests the server refuses itself (400 malformed, 431
+   * line and headers above kMaxHeaderBytes, 413 "Content-Length" above kMaxContentLength, 411
+   * a chunked body) never reach a worker.
    *
-   * A "Content-Length" that is not a number does not fail here: the request is returned
-   * with the raw value so the caller answers it in its own order; the connection then ends
-   * after that answer.
+   * A "Content-Length" that is not a number does not fail: the request is handed over with
+   * the raw value and no body, so the caller answers it in its own order; the connection
+   * then ends after that answer.
    */
   long ReadRequest(RequestInfo& request);
 
   /**
-   * @brief Reads exactly `length` bytes of the request body (first what arrived with the
-   * headers). A client that sent "Expect: 100-continue" is told to go on first. Body bytes the
-   * caller leaves unread are skipped before the next request (up to 1 MiB; beyond, the
-   * connection ends).
+   * @brief Copies the next `length` bytes of the request body, which arrived whole before the
+   * hand-over (a client that sent "Expect: 100-continue" was told to go on by then). Asking for
+   * more than the body holds ends the connection. Bytes left unread are dropped.
    */
   long Read(char* buffer, size_t length);
 
-  /** @brief Writes raw bytes (a complete answer the caller formatted). */
+  /**
+   * @brief Writes raw bytes (a complete answer the caller formatted): what the connection takes
+   * at once goes now, the rest is kept and sent by the server's loop, so a slow reader never
+   * holds the worker.
+   */
   long Write(const char* data, size_t length);
 
   /** @brief An error answer: status line, a short HTML page with the printf-formatted text. */
@@ -76,7 +86,11 @@ class HttpServerConnection {
   /** @brief A 200 answer whose text/plain body is the printf-formatted text. */
   long PrintFormattedWithHeaders(const char* format, ...);
 
-  /** @brief Closes the connection (a TLS connection is shut down first). Idempotent. */
+  /**
+   * @brief Lets go of the connection. After a ReadRequest that gave kro::status::Pending it
+   * waits on the server's loop for its next request; otherwise it is closed once its answers
+   * are out (a TLS connection is shut down first). Idempotent; the destructor calls it.
+   */
   void CloseConnection();
 
   std::string GetRemoteIpAddress() const;

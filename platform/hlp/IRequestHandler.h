@@ -14,8 +14,9 @@ class IRequestHandler {
   /** @brief The server is stopping: finish or abandon the connections being served. */
   virtual long Stop() = 0;
   /**
-   * @brief A connection was accepted. Called on the server's polling thread: hand the socket
-   * to a worker and return at once.
+   * @brief A whole request arrived on a connection (on a kept-alive connection, once per
+   * request the worker did not take itself). Called on the server's polling thread: hand the
+   * socket to a worker and return at once. A socket that nobody takes over is closed.
    */
   virtual void HandleRequest(const Socket* socket) = 0;
 };

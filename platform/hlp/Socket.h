@@ -11,9 +11,8 @@ struct AcceptedSocket;
 }
 
 /**
- * @brief An accepted connection as the server hands it to a request handler: a cheap,
- * copyable handle. Nothing has been read from it yet (a TLS handshake happens on the
- * connection's worker when the first request is read).
+ * @brief A connection as the server hands it to a request handler, a whole request in: a cheap,
+ * copyable handle. An HttpServerConnection takes it over (SetClient) to serve it.
  */
 class Socket {
  public:

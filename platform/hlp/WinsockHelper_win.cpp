@@ -36,6 +36,11 @@ void WinsockHelper::Deinit() {
   }
 }
 
+size_t WinsockHelper::ConnectionLimit(size_t wanted) {
+  // Sockets are handles, not descriptors: no per-process table to leave room in.
+  return wanted;
+}
+
 bool WinsockHelper::ListenersReuseAddress() {
   // On Windows SO_REUSEADDR lets any other process bind the same port and steal connections;
   // a closed listener's port can be bound again without it.

@@ -8,9 +8,10 @@ namespace nvthreads {
 
 namespace {
 
-// Workers beyond the minimum give their stack back after this long without work; long enough
-// that a burst of connections does not start and end threads for every request.
-constexpr std::chrono::seconds kIdleWorkerTimeout{60};
+// Workers beyond the minimum give their stack back after this long without work: long enough
+// that a burst of requests does not start and end threads for every one, short enough that
+// the pool is back at its floor well within a minute after the load.
+constexpr std::chrono::seconds kIdleWorkerTimeout{20};
 
 // What a routine that threw counts as: any non-zero result is a failure.
 constexpr long kRoutineThrew = -1;

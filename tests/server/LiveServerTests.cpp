@@ -104,8 +104,10 @@ TEST_F(LiveServerTests, ServesFilesRoutinesAndRefusals) {
     const char* inAnswer;
   };
   const Case cases[] = {
+      // The closing connection is announced, or a client takes the close for a failure.
       {"file", MakeRequest("GET", "/arbalo/index.html", kBrowser), 200,
-       "content-Type: text/html\r\ncontent-Length: 11\r\n\r\n<p>home</p>"},
+       "HTTP/1.1 200 OK\r\nConnection: close\r\ncontent-Type: text/html\r\n"
+       "content-Length: 11\r\n\r\n<p>home</p>"},
       {"root", MakeRequest("GET", "/", ""), 200, "<p>home</p>"},
       {"routine", MakeRequest("POST", "/arbalo/Requests/info.json", kBrowser, "q=1"), 200,
        "Cache-Control: No-store, No-cache, must-revalidate\r\n"

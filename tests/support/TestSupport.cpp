@@ -47,7 +47,9 @@ TempDir::~TempDir() {
 }
 
 std::filesystem::path TempDir::Write(const std::string& name, const std::string& content) const {
-  const auto file = path_ / name;
+  // Names are UTF-8 everywhere (a narrow path on Windows would be read in the ANSI code page).
+  const auto file =
+      path_ / std::filesystem::path(std::u8string(name.begin(), name.end())).make_preferred();
   std::filesystem::create_directories(file.parent_path());
   std::ofstream out(file, std::ios::binary | std::ios::trunc);
   out << content;
