@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "common/KroStatus.h"
+#include "hlp/FreeMemory.h"
 #include "hlp/HttpServerConnection.h"
 #include "hlp/IRequestHandler.h"
 #include "hlp/SSLContext.h"
@@ -145,6 +146,18 @@ void ServerCore::Admit(const std::shared_ptr<Listener>& listener, tcp::socket so
 void ServerCore::Forget(Session* session) {
   open.erase(session);
   openCount.store(open.size());
+  peakOpen = std::max(peakOpen, open.size() + 1);
+  if (open.empty() && peakOpen >= kCrowdConnections) {
+    // The crowd is gone; its buffers and session objects need not stay resident. A moment
+    // later, when the last of their cancelled waits have run and released them.
+    peakOpen = 0;
+    trimTimer.expires_after(std::chrono::seconds(1));
+    trimTimer.async_wait([this](const boost::system::error_code& ec) {
+      if (!ec && open.empty()) {
+        ReturnFreeMemory();
+      }
+    });
+  }
 }
 
 void ServerCore::WakeBudgetQueue() {

@@ -28,6 +28,8 @@ namespace hlp::detail {
 
 /** @brief Open connections beyond which a new one displaces the slowest waiting one. */
 inline constexpr size_t kDefaultMaxConnections = 10000;
+/** @brief Open connections from which memory is given back once they are all gone. */
+inline constexpr size_t kCrowdConnections = 256;
 /** @brief Request bodies held in memory at once by all connections; beyond it reading pauses. */
 inline constexpr int64_t kBodyBudgetBytes = int64_t{256} * 1024 * 1024;
 
@@ -74,6 +76,8 @@ struct ServerCore {
   std::atomic<uint32_t> idleWaitMs{kDefaultIdleWaitMs};
   std::atomic<size_t> maxConnections{kDefaultMaxConnections};
   std::atomic<size_t> openCount{0};
+  size_t peakOpen = 0;  // most connections open at once since memory was last given back
+  boost::asio::steady_timer trimTimer{io};
 
   mutable std::mutex portsMutex;
   std::vector<uint16_t> boundPorts;
