@@ -10,6 +10,7 @@
 #include "hlp/HttpStatus.h"
 #include "hlp/RequestInfo.h"
 #include "hlp/ServerSession.h"
+#include "hlp/StringCompare.h"
 
 namespace hlp {
 namespace detail {
@@ -23,18 +24,13 @@ long ConnectionLost() {
 }
 
 bool HasConnectionField(std::string_view head) {
-  static constexpr std::string_view kField = "\r\nconnection:";
+  static constexpr std::string_view kName = "connection:";
+  const case_insensitive_less less;
   for (size_t at = head.find("\r\n"); at != std::string_view::npos;
        at = head.find("\r\n", at + 2)) {
-    if (head.size() - at >= kField.size()) {
-      bool same = true;
-      for (size_t i = 0; i < kField.size() && same; ++i) {
-        const char c = head[at + i];
-        same = (c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c) == kField[i];
-      }
-      if (same) {
-        return true;
-      }
+    const std::string_view name = head.substr(at + 2, kName.size());
+    if (!less(name, kName) && !less(kName, name)) {
+      return true;
     }
   }
   return false;
@@ -73,10 +69,15 @@ struct ConnectionState {
         !HasConnectionField(answer.substr(0, answer.find("\r\n\r\n")))) {
       // A caller's own answer says nothing of the connection: a client must hear that it
       // closes (or, on HTTP/1.0, that it stays), or it takes the close for a failure.
-      const std::string field = "Connection: " + std::string(connection) + "\r\n";
-      session->Send(answer.data(), statusEnd + 2);
-      session->Send(field.data(), field.size());
-      session->Send(answer.data() + statusEnd + 2, answer.size() - statusEnd - 2);
+      // One piece, so that it leaves in one write as the caller's answer would have.
+      std::string patched;
+      patched.reserve(answer.size() + 32);
+      patched.append(answer.substr(0, statusEnd + 2))
+          .append("Connection: ")
+          .append(connection)
+          .append("\r\n")
+          .append(answer.substr(statusEnd + 2));
+      session->Send(patched.data(), patched.size());
     } else {
       session->Send(answer.data(), answer.size());
     }
