@@ -8,4 +8,11 @@ namespace hlp::detail {
  */
 void ReturnFreeMemory();
 
+/**
+ * @brief Whether the event loop keeps a record for every socket it has ever watched until the
+ * loop itself goes (Asio's epoll reactor does; completion ports do not). Where it does, a
+ * crowd's records would hold its memory for good, so the loop is renewed once it is gone.
+ */
+bool LoopKeepsClosedSocketRecords();
+
 }  // namespace hlp::detail

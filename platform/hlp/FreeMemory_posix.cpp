@@ -15,4 +15,8 @@ void ReturnFreeMemory() {
 #endif
 }
 
+bool LoopKeepsClosedSocketRecords() {
+  return true;
+}
+
 }  // namespace hlp::detail

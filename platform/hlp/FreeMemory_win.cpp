@@ -9,4 +9,8 @@ void ReturnFreeMemory() {
   HeapCompact(GetProcessHeap(), 0);
 }
 
+bool LoopKeepsClosedSocketRecords() {
+  return false;
+}
+
 }  // namespace hlp::detail

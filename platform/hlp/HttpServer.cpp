@@ -79,15 +79,15 @@ ServerCore::~ServerCore() {
   // Lets every cancelled wait finish now, so that no handler keeps a connection (and with it
   // this loop) alive.
   for (int round = 0; round < 8; ++round) {
-    io.restart();
-    if (io.poll() == 0) {
+    Io().restart();
+    if (Io().poll() == 0) {
       break;
     }
   }
 }
 
 void ServerCore::Arm(const std::shared_ptr<Listener>& listener) {
-  auto socket = std::make_shared<tcp::socket>(io);
+  auto socket = std::make_shared<tcp::socket>(Io());
   listener->acceptor.async_accept(*socket,
                                   [this, listener, socket](const boost::system::error_code& ec) {
                                     OnAccept(listener, socket, ec);
@@ -151,13 +151,68 @@ void ServerCore::Forget(Session* session) {
     // The crowd is gone; its buffers and session objects need not stay resident. A moment
     // later, when the last of their cancelled waits have run and released them.
     peakOpen = 0;
-    trimTimer.expires_after(std::chrono::seconds(1));
-    trimTimer.async_wait([this](const boost::system::error_code& ec) {
+    trimTimer.emplace(Io());
+    trimTimer->expires_after(std::chrono::seconds(1));
+    trimTimer->async_wait([this](const boost::system::error_code& ec) {
       if (!ec && open.empty()) {
-        ReturnFreeMemory();
+        renewDue = true;
       }
     });
   }
+}
+
+void ServerCore::RenewLoop() {
+  renewDue = false;
+  if (!open.empty()) {
+    return;
+  }
+  if (LoopKeepsClosedSocketRecords()) {
+    std::vector<tcp::acceptor::protocol_type> protocols;
+    for (const auto& listener : listeners) {
+      boost::system::error_code ec;
+      protocols.push_back(listener->acceptor.local_endpoint(ec).protocol());
+      if (ec) {
+        ReturnFreeMemory();  // the loop stays as it is
+        return;
+      }
+    }
+    auto fresh = std::make_shared<asio::io_context>(1);
+    std::vector<std::shared_ptr<Listener>> moved;
+    for (size_t i = 0; i < listeners.size(); ++i) {
+      // The listening socket itself moves, so the port stays bound and whoever waits in its
+      // backlog is accepted by the fresh loop.
+      Listener& listener = *listeners[i];
+      auto next = std::make_shared<Listener>(*fresh);
+      next->tls = listener.tls;
+      next->port = listener.port;
+      listener.closed = true;  // its cancelled accept is dropped
+      boost::system::error_code ec;
+      const auto handle = listener.acceptor.release(ec);
+      if (!ec) {
+        next->acceptor.assign(protocols[i], handle, ec);
+      }
+      next->closed = static_cast<bool>(ec);
+      moved.push_back(std::move(next));
+    }
+    std::shared_ptr<asio::io_context> old;
+    link->Exclusive([&] {
+      old = std::exchange(context, fresh);
+      listeners = std::move(moved);
+    });
+    trimTimer.reset();
+    // What was posted to the old loop runs now; then it goes with every record it kept.
+    old->restart();
+    old->poll();
+    old.reset();
+    for (const auto& listener : listeners) {
+      if (!listener->closed) {
+        Arm(listener);
+      }
+    }
+    std::unordered_map<Session*, std::shared_ptr<Session>>().swap(open);
+    std::deque<std::weak_ptr<Session>>().swap(budgetQueue);
+  }
+  ReturnFreeMemory();
 }
 
 void ServerCore::WakeBudgetQueue() {
@@ -176,7 +231,7 @@ void ServerCore::WakeBudgetQueue() {
 long ServerCore::Bind(const std::vector<std::pair<uint16_t, bool>>& ports) {
   std::vector<uint16_t> bound;
   for (const auto& [port, secure] : ports) {
-    auto listener = std::make_shared<Listener>(io);
+    auto listener = std::make_shared<Listener>(Io());
     listener->tls = secure;
     listeners.push_back(listener);
     const tcp::endpoint endpoint(tcp::v4(), port);
@@ -220,8 +275,8 @@ void ServerCore::CloseListeners() {
     boundPorts.clear();
   }
   // Lets the cancelled accepts finish now, so that their sockets are released.
-  io.restart();
-  io.poll();
+  Io().restart();
+  Io().poll();
 }
 
 void ServerCore::CloseConnections() {
@@ -304,11 +359,14 @@ long HttpServer::Poll() {
       std::this_thread::sleep_until(start + std::min(idleWait, detail::kAcceptRetryPause));
       return kro::status::Ok;
     }
-    core.io.restart();
+    core.Io().restart();
     // One wait in the kernel (SetIdleWait posts to the io_context to end it), then whatever
     // else is ready.
-    if (idleWait.count() == 0 || core.io.run_one_until(start + idleWait) != 0) {
-      core.io.poll();
+    if (idleWait.count() == 0 || core.Io().run_one_until(start + idleWait) != 0) {
+      core.Io().poll();
+    }
+    if (core.renewDue) {
+      core.RenewLoop();
     }
     if (core.acceptFailed) {
       // A failing accept completes at once; the caller must not spin on it.
@@ -395,7 +453,7 @@ void HttpServer::SetIdleWait(uint32_t milliseconds) {
     core_->idleWaitMs.store(milliseconds);
     // Ends the wait of a Poll in progress (or makes the next one return at once), so that the
     // new wait applies now.
-    boost::asio::post(core_->io, [] {});
+    core_->link->Post([](detail::ServerCore&) {});
   } catch (...) {
     // Without the post the new wait applies from the next Poll on.
   }

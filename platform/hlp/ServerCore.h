@@ -11,6 +11,7 @@
 #include <list>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <unordered_map>
 #include <utility>
 #include <vector>
@@ -60,9 +61,9 @@ struct ServerCore {
   ~ServerCore();
 
   // Declared first so that it goes last: sockets and timers below belong to it. Shared with
-  // the connections, which a worker may still hold when the server is gone.
+  // the connections, which a worker may still hold when the server is gone. Replaced (under
+  // the link's lock) only when no connection is open.
   std::shared_ptr<boost::asio::io_context> context = std::make_shared<boost::asio::io_context>(1);
-  boost::asio::io_context& io = *context;
   std::shared_ptr<LoopLink> link;
   std::shared_ptr<BodyBudget> budget;
 
@@ -77,7 +78,8 @@ struct ServerCore {
   std::atomic<size_t> maxConnections{kDefaultMaxConnections};
   std::atomic<size_t> openCount{0};
   size_t peakOpen = 0;  // most connections open at once since memory was last given back
-  boost::asio::steady_timer trimTimer{io};
+  std::optional<boost::asio::steady_timer> trimTimer;
+  bool renewDue = false;  // a crowd has gone: the loop is renewed when the poll returns
 
   mutable std::mutex portsMutex;
   std::vector<uint16_t> boundPorts;
@@ -97,6 +99,7 @@ struct ServerCore {
   std::condition_variable stopCv;
   bool finishedStopping = false;
 
+  boost::asio::io_context& Io() { return *context; }
   void Arm(const std::shared_ptr<Listener>& listener);
   void OnAccept(const std::shared_ptr<Listener>& listener,
                 const std::shared_ptr<boost::asio::ip::tcp::socket>& socket,
@@ -110,6 +113,11 @@ struct ServerCore {
   void Forget(Session* session);
   /** @brief Lets waiting bodies read on while the budget has room. */
   void WakeBudgetQueue();
+  /**
+   * @brief Once a crowd of connections has gone: a fresh event loop that takes the listening
+   * sockets over, and the memory the old one and the crowd held given back.
+   */
+  void RenewLoop();
 };
 
 }  // namespace hlp::detail

@@ -108,8 +108,13 @@ bool LoopLink::Post(std::function<void(ServerCore&)> work) {
     return false;
   }
   ServerCore* core = core_;
-  asio::post(core->io, [core, work = std::move(work)] { work(*core); });
+  asio::post(core->Io(), [core, work = std::move(work)] { work(*core); });
   return true;
+}
+
+void LoopLink::Exclusive(const std::function<void()>& change) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  change();
 }
 
 void LoopLink::Cut() {
@@ -125,7 +130,7 @@ Session::Session(ServerCore& owner, asio::ip::tcp::socket accepted, bool secureS
       core(owner),
       link(owner.link),
       budget(owner.budget),
-      timer(owner.io),
+      timer(owner.Io()),
       tls(secureStream),
       timeout(timeoutMs) {
   error_code ignored;

@@ -37,6 +37,8 @@ class LoopLink {
   explicit LoopLink(ServerCore* core) : core_(core) {}
   /** @brief Runs `work` on the loop thread; false (and `work` dropped) once the server is gone. */
   bool Post(std::function<void(ServerCore&)> work);
+  /** @brief Runs `change` (on the loop thread) while no worker can post. */
+  void Exclusive(const std::function<void()>& change);
   void Cut();
 
  private:

@@ -186,14 +186,42 @@ uint32_t Pool::AddItem(const char* thread, std::unique_ptr<WorkItem> item) {
   if (options_.maxWorkers == 0) {
     return NVTHREADS_E_NO_THREAD;
   }
+  const auto due = item->due;
   const auto key = workQueue_.Push(std::move(item));
-  if (idleWorkers_ == 0 && !SpawnWorkerLocked() && workers_ == 0) {
+  if (due > Clock::now() && workQueue_.FrontDue() < due) {
+    return NVTHREADS_OK;  // whoever waits for an earlier item looks again after it
+  }
+  if (due > Clock::now() && timekeeper_ != nullptr) {
+    timekeeper_->cv.notify_one();  // an earlier deadline to wait for
+    return NVTHREADS_OK;
+  }
+  if (!WakeWorkerLocked() && workers_ == 0) {
     // Nobody would ever run it; give the caller its context back.
     workQueue_.Take(key);
     return NVTHREADS_E_RESOURCES;
   }
-  workCv_.notify_all();
   return NVTHREADS_OK;
+}
+
+bool Pool::WakeWorkerLocked() {
+  if (!parked_.empty()) {
+    PoolThread* worker = parked_.back();
+    UnparkLocked(*worker);
+    worker->cv.notify_one();
+    return true;
+  }
+  // A worker starting or just woken looks at the queue before it parks.
+  return idleWorkers_ > 0 || SpawnWorkerLocked();
+}
+
+void Pool::UnparkLocked(PoolThread& worker) {
+  if (worker.parked) {
+    worker.parked = false;
+    std::erase(parked_, &worker);
+  }
+  if (timekeeper_ == &worker) {
+    timekeeper_ = nullptr;
+  }
 }
 
 uint32_t Pool::CancelItems(const char* thread, const char* name) {
@@ -230,8 +258,8 @@ uint32_t Pool::CancelItems(const char* thread, const char* name) {
   return found ? NVTHREADS_OK : NVTHREADS_E_NOT_FOUND;
 }
 
-void Pool::RunDueItem(Lock& lock, PoolThread& runner, ItemQueue& queue) {
-  auto item = queue.PopFront();
+void Pool::RunDueItem(Lock& lock, PoolThread& runner, ItemQueue& queue,
+                      std::unique_ptr<WorkItem> item) {
   runner.running = item.get();
   lock.unlock();
   const bool again = RunOnce(*item);
@@ -257,7 +285,7 @@ void Pool::NamedThreadMain(const std::shared_ptr<PoolThread>& self) {
     } else if (const auto due = self->queue.FrontDue(); due > Clock::now()) {
       self->cv.wait_until(lock, due);
     } else {
-      RunDueItem(lock, *self, self->queue);
+      RunDueItem(lock, *self, self->queue, self->queue.PopFront());
     }
   }
   // Items still pending are released here, on their own thread and before the thread's own
@@ -277,42 +305,42 @@ void Pool::WorkerMain(const std::shared_ptr<PoolThread>& self) {
   auto idleSince = Clock::now();
   bool idleExit = false;
   while (!self->stop) {
+    UnparkLocked(*self);
     const auto now = Clock::now();
     if (!workQueue_.Empty() && workQueue_.FrontDue() <= now) {
       --idleWorkers_;
-      // More waiting behind this item: it must not sit there while this worker is busy, so
-      // wake the other idle workers to re-plan, or start one if there is none.
-      if (!workQueue_.Empty()) {
-        if (idleWorkers_ == 0) {
-          SpawnWorkerLocked();
-        }
-        workCv_.notify_all();
+      auto item = workQueue_.PopFront();
+      // What stays queued must not wait for this worker: one more worker takes over a due
+      // item, or the wait for the next future one when nobody keeps it.
+      if (!workQueue_.Empty() && (workQueue_.FrontDue() <= now || timekeeper_ == nullptr)) {
+        WakeWorkerLocked();
       }
-      RunDueItem(lock, *self, workQueue_);
+      RunDueItem(lock, *self, workQueue_, std::move(item));
       ++idleWorkers_;
       idleSince = Clock::now();
       continue;
     }
     const bool spare = workers_ > options_.minWorkers;
     const auto idleEnd = idleSince + kIdleWorkerTimeout;
-    // The last idle worker stays while items are pending: it is the one that will run them.
-    if (spare && now >= idleEnd && (workQueue_.Empty() || idleWorkers_ > 1)) {
+    // A worker that would have to keep the time for a pending item stays.
+    if (spare && now >= idleEnd && (workQueue_.Empty() || timekeeper_ != nullptr)) {
       idleExit = true;
       break;
     }
-    auto deadline = Clock::time_point::max();
-    if (spare) {
-      deadline = idleEnd;
-    }
-    if (!workQueue_.Empty()) {
+    auto deadline = spare ? idleEnd : Clock::time_point::max();
+    if (!workQueue_.Empty() && timekeeper_ == nullptr) {
+      timekeeper_ = self.get();
       deadline = std::min(deadline, workQueue_.FrontDue());
     }
+    parked_.push_back(self.get());
+    self->parked = true;
     if (deadline == Clock::time_point::max()) {
-      workCv_.wait(lock);
+      self->cv.wait(lock);
     } else {
-      workCv_.wait_until(lock, deadline);
+      self->cv.wait_until(lock, deadline);
     }
   }
+  UnparkLocked(*self);
   --idleWorkers_;
   --workers_;
   lock.unlock();
@@ -341,7 +369,6 @@ uint32_t Pool::Shutdown() {
     thread->cv.notify_all();
   }
   workQueue_.TakeAll(dropped);
-  workCv_.notify_all();
   lock.unlock();
   RunCleanups(dropped);
   lock.lock();

@@ -57,19 +57,27 @@ class Pool : public std::enable_shared_from_this<Pool> {
   std::shared_ptr<PoolThread> FindNamedLocked(const char* name) const;
   bool StartThreadLocked(const std::shared_ptr<PoolThread>& thread);
   bool SpawnWorkerLocked();
+  /** @brief Gets one more worker going: the most recently idle, or a new one; false if none. */
+  bool WakeWorkerLocked();
+  void UnparkLocked(PoolThread& worker);
   void NamedThreadMain(const std::shared_ptr<PoolThread>& self);
   void WorkerMain(const std::shared_ptr<PoolThread>& self);
-  void RunDueItem(Lock& lock, PoolThread& runner, ItemQueue& queue);
+  /** @brief Runs `item`, taken from the front of `queue`, and puts it back when it repeats. */
+  void RunDueItem(Lock& lock, PoolThread& runner, ItemQueue& queue, std::unique_ptr<WorkItem> item);
   void FinishThreadLocked(PoolThread& self, bool leftOnItsOwn);
 
   const Options options_;
   mutable std::mutex mutex_;
-  std::condition_variable workCv_;   // worker queue changes
   std::condition_variable endedCv_;  // a thread ended
   std::vector<std::shared_ptr<PoolThread>> threads_;
   ItemQueue workQueue_;
   uint32_t workers_ = 0;
-  uint32_t idleWorkers_ = 0;
+  uint32_t idleWorkers_ = 0;  // workers not running an item, parked or about to look
+  // Parked workers, the most recently idle last: the one woken next, whose stack and caches
+  // are still warm, and the ones at the bottom reach their idle time-out and leave.
+  std::vector<PoolThread*> parked_;
+  // The parked worker that waits for the earliest future item; the others wait for a wake.
+  PoolThread* timekeeper_ = nullptr;
   bool stopping_ = false;
   std::chrono::milliseconds shutdownBudget_{30000};
 };

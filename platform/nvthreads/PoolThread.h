@@ -32,9 +32,10 @@ struct PoolThread : nvthreads_threadctx {
 
   // Everything below is guarded by the pool's mutex.
   std::thread thread;
-  std::condition_variable cv;  // queue changes of a named thread, stop for sleepers
+  std::condition_variable cv;  // queue changes of a named thread, a worker's wake, stop
   ItemQueue queue;             // named threads only
   WorkItem* running = nullptr;
+  bool parked = false;  // a worker waiting among the pool's idle ones
   bool ended = false;
 };
 

@@ -134,6 +134,11 @@ TEST_F(ServerCrowdTests, StalledHeadsBodiesAndHandshakesCostNoThreadAndLeaveNoth
   ASSERT_NE(quitter, nullptr);
   quitter.reset();
   EXPECT_TRUE(OpenBecomes(0));
+
+  // Once the crowd is gone the server moves its ports to a fresh event loop; both must still
+  // answer there.
+  std::this_thread::sleep_for(1500ms);
+  EXPECT_TRUE(OrdinaryRequestsAnsweredPromptly());
 }
 
 TEST_F(ServerCrowdTests, AtTheCapTheLongestWaitingPeerMakesRoom) {
