@@ -7,7 +7,9 @@
 
 #include <boost/asio/ssl/context.hpp>
 
+#include <openssl/pem.h>
 #include <openssl/ssl.h>
+#include <openssl/x509.h>
 
 #include "common/KroStatus.h"
 
@@ -19,6 +21,7 @@ struct SSLContext::Impl {
   std::optional<ssl::context> context;
   std::mutex mutex;
   bool hasCertificate = false;
+  bool clientCertificates = false;
 };
 
 namespace {
@@ -33,6 +36,47 @@ std::optional<ssl::context> NewServerContext() {
     context.reset();
   }
   return context;
+}
+
+// Reads the whole of `path`; false when it cannot be read.
+bool ReadFile(const std::string& path, std::string& text) {
+  std::ifstream file(path, std::ios::binary);
+  if (!file) {
+    return false;
+  }
+  text.assign(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
+  return !file.bad();
+}
+
+// Makes `context` demand a client certificate that chains to one of `authorities` (PEM
+// certificates; none admits nobody). The number of certificates taken.
+int DemandClientCertificates(SSL_CTX* context, const std::string& authorities) {
+  X509_STORE* store = X509_STORE_new();
+  STACK_OF(X509_NAME)* names = sk_X509_NAME_new_null();
+  int taken = 0;
+  BIO* in = BIO_new_mem_buf(authorities.data(), static_cast<int>(authorities.size()));
+  while (in != nullptr && store != nullptr && names != nullptr) {
+    X509* certificate = PEM_read_bio_X509(in, nullptr, nullptr, nullptr);
+    if (certificate == nullptr) {
+      break;
+    }
+    if (X509_STORE_add_cert(store, certificate) == 1) {
+      ++taken;
+      if (X509_NAME* name = X509_NAME_dup(X509_get_subject_name(certificate)); name != nullptr) {
+        sk_X509_NAME_push(names, name);
+      }
+    }
+    X509_free(certificate);
+  }
+  BIO_free(in);
+  if (store == nullptr) {
+    store = X509_STORE_new();  // once more: without a store OpenSSL would use no roots either
+  }
+  // The context takes both over; the previous trust goes with them.
+  SSL_CTX_set_cert_store(context, store);
+  SSL_CTX_set_client_CA_list(context, names);
+  SSL_CTX_set_verify(context, SSL_VERIFY_PEER | SSL_VERIFY_FAIL_IF_NO_PEER_CERT, nullptr);
+  return taken;
 }
 
 // Whether `pem` yields a certificate chain and its private key in `context`.
@@ -62,12 +106,8 @@ SSLContext* SSLContext::SharedServerContext() {
 
 long SSLContext::UseCertificate(const std::string& pemFile) {
   try {
-    std::ifstream file(pemFile, std::ios::binary);
-    if (!file) {
-      return kro::status::FileOpenFailed;
-    }
-    const std::string pem((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
-    if (file.bad()) {
+    std::string pem;
+    if (!ReadFile(pemFile, pem)) {
       return kro::status::FileOpenFailed;
     }
     std::lock_guard<std::mutex> lock(impl_->mutex);
@@ -96,6 +136,33 @@ long SSLContext::UseCertificate(const std::string& pemFile) {
 bool SSLContext::HasCertificate() const {
   std::lock_guard<std::mutex> lock(impl_->mutex);
   return impl_->hasCertificate;
+}
+
+long SSLContext::RequireClientCertificates(const std::string& caPemFile) {
+  try {
+    std::string authorities;
+    const bool read = ReadFile(caPemFile, authorities);
+    std::lock_guard<std::mutex> lock(impl_->mutex);
+    if (!impl_->context) {
+      impl_->context = NewServerContext();
+    }
+    if (!impl_->context) {
+      return kro::status::Failure;  // no context, no TLS port served at all
+    }
+    impl_->clientCertificates = true;
+    const int taken = DemandClientCertificates(impl_->context->native_handle(),
+                                               read ? authorities : std::string());
+    return !read        ? kro::status::FileOpenFailed
+           : taken == 0 ? kro::status::MalformedData
+                        : kro::status::Ok;
+  } catch (...) {
+    return kro::status::Failure;
+  }
+}
+
+bool SSLContext::RequiresClientCertificates() const {
+  std::lock_guard<std::mutex> lock(impl_->mutex);
+  return impl_->clientCertificates;
 }
 
 ssl::context& SSLContext::Native() {

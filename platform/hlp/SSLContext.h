@@ -31,6 +31,16 @@ class SSLContext {
   long UseCertificate(const std::string& pemFile);
   bool HasCertificate() const;
 
+  /**
+   * @brief From now on a client must present a certificate that chains to one of the CA
+   * certificates in `caPemFile`, or its handshake fails (mutual TLS). 0 on success;
+   * FileOpenFailed when the file cannot be read, MalformedData when it holds no certificate.
+   * Either way the demand stands: a file meant to close the ports never leaves them open, and
+   * on failure no client is admitted until a good file is given.
+   */
+  long RequireClientCertificates(const std::string& caPemFile);
+  bool RequiresClientCertificates() const;
+
   /** @brief The underlying context; to be used only once HasCertificate() is true. */
   boost::asio::ssl::context& Native();
 

@@ -107,4 +107,59 @@ TEST_F(TlsServerTests, ServesTls12AndNewerBesidePlainPorts) {
   EXPECT_TRUE(confused.ClosedByServer());
 }
 
+TEST_F(TlsServerTests, ClientCertificatesAreDemandedOnlyWhenAskedAndMustChainToTheGivenCa) {
+  using kro::test::IssueCertificate;
+  const auto ca = IssueCertificate("Kro Manager CA", "", nullptr, true);
+  const auto stranger = IssueCertificate("Other CA", "", nullptr, true);
+  const auto member = IssueCertificate("component", "", &ca);
+  const auto outsider = IssueCertificate("component", "", &stranger);
+  ASSERT_FALSE(member.certificate.empty() || outsider.certificate.empty());
+  const std::string caFile = dir_.Write("manager_ca.pem", ca.certificate).string();
+
+  // One server closed to strangers, one whose CA file is unreadable (closed to everybody).
+  hlp::SSLContext closed;
+  hlp::SSLContext broken;
+  for (hlp::SSLContext* tls : {&closed, &broken}) {
+    ASSERT_EQ(tls->UseCertificate(pemFile_), 0);
+    EXPECT_FALSE(tls->RequiresClientCertificates());
+  }
+  EXPECT_EQ(closed.RequireClientCertificates(caFile), 0);
+  EXPECT_EQ(broken.RequireClientCertificates((dir_.Path() / "absent.pem").string()),
+            kro::status::FileOpenFailed);
+  EXPECT_TRUE(broken.RequiresClientCertificates());
+  LiveServer live("0s,0", &closed);
+  LiveServer shut("0s", &broken);
+  ASSERT_EQ(live.StartStatus(), 0);
+  ASSERT_EQ(shut.StartStatus(), 0);
+
+  struct Case {
+    const char* name;
+    const kro::test::TestCertificate* presented;
+    uint16_t port;
+    bool secure;
+    bool served;
+  };
+  const Case cases[] = {
+      {"certificate from the CA", &member, live.Port(0), true, true},
+      {"no certificate", nullptr, live.Port(0), true, false},
+      {"certificate from another CA", &outsider, live.Port(0), true, false},
+      {"plain port beside it", nullptr, live.Port(1), false, true},
+      {"CA file unreadable", &member, shut.Port(0), true, false},
+  };
+  for (const Case& row : cases) {
+    SCOPED_TRACE(row.name);
+    auto context = Client(TLS1_3_VERSION);
+    if (row.presented != nullptr) {
+      const auto& pem = *row.presented;
+      context.use_certificate(boost::asio::buffer(pem.certificate), boost::asio::ssl::context::pem);
+      context.use_private_key(boost::asio::buffer(pem.key), boost::asio::ssl::context::pem);
+    }
+    TestClient client(row.port, row.secure ? &context : nullptr);
+    // Under TLS 1.3 the client's side of the handshake ends before the server has judged its
+    // certificate: a refusal shows as a request that is never answered.
+    const bool answered = client.Send("GET /who HTTP/1.1\r\n\r\n") && client.ReadAnswer();
+    EXPECT_EQ(answered, row.served);
+  }
+}
+
 }  // namespace
