@@ -223,6 +223,7 @@ HeadScan Session::ScanHead(size_t& headSize) {
   version = message.version();
   // Without a valid length the body cannot be told from a next request.
   keepAlive = message.keep_alive() && !invalidLength;
+  peerCloses = !message.keep_alive();
   bodyLength = invalidLength ? 0 : contentLength.value_or(0);
   expectContinue =
       bodyLength > 0 && EqualsIgnoringCase(Std(message[http::field::expect]), "100-continue");
@@ -537,6 +538,13 @@ void Session::FinishClose() {
   }
   error_code ignored;
   plain->shutdown(asio::socket_base::shutdown_send, ignored);
+  // A peer that announced the close sends nothing more: with nothing of it left unread, the
+  // close cannot reset the answer on its way, and there is nothing to wait for.
+  error_code unread;
+  if (peerCloses && in.empty() && plain->available(unread) == 0 && !unread) {
+    CloseNow();
+    return;
+  }
   const Clock::time_point until = Clock::now() + kLingerTime;
   ArmDeadline(until);
   Linger(until, 0);

@@ -170,6 +170,7 @@ struct Session : std::enable_shared_from_this<Session> {
   size_t bodyCharged = 0;   // bytes of `body` counted in the budget
   unsigned version = 11;
   bool keepAlive = true;
+  bool peerCloses = false;  // the request said the peer closes after its answer
   bool expectContinue = false;
   bool requestReady = false;  // a parsed request waits for the worker's ReadRequest
 
