@@ -3,7 +3,7 @@
 (function () {
   "use strict";
 
-  // Relative, so the page works wherever the agent mounts it (normally /arbalo/).
+  // Relative to the page's base (index.html names /arbalo/), so the page works at "/" too.
   var STATUS_URL = "Requests/getAgentStatus.json";
   var PRODUCTS_URL = "Requests/getInstalledProducts.json";
   var ALERTS_URL = "Requests/getAlerts.json";
