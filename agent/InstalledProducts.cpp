@@ -11,8 +11,10 @@
 
 #include "agent/KroVersion.h"
 #include "common/KroStatus.h"
+#include "common/SettingsText.h"
 #include "common/WinHelper.h"
 #include "hlp/Json.h"
+#include "logging_support/logging_support.h"
 
 namespace KroAgent {
 
@@ -227,12 +229,21 @@ long InstalledProducts::ReloadProducts() {
     }
 
     EnsureKestaFolder();
+    const std::string file = kestaFolder_ + kProductsFile;
     std::string text;
-    if (const long result = ReadWholeFile(kestaFolder_ + kProductsFile, text);
-        result != status::Ok) {
+    if (const long result = ReadWholeFile(file, text); result != status::Ok) {
+      if (result == status::MalformedData) {
+        KRO_LOG_ERROR << "Products file " << file << " ignored: it is empty";
+      }
       return result;
     }
-    return ParseProducts(text);
+    std::string why;
+    const long result = ParseProducts(text, why);
+    if (!why.empty()) {
+      // No product is known then; whoever edited the file learns where it went wrong.
+      KRO_LOG_ERROR << "Products file " << file << " ignored: " << why;
+    }
+    return result;
   } catch (...) {
     return status::OutOfMemory;
   }
@@ -257,11 +268,13 @@ long InstalledProducts::Grow() {
   return status::Ok;
 }
 
-long InstalledProducts::ParseProducts(const std::string& text) {
-  hlp::JsonParser parser;
-  const std::unique_ptr<hlp::JsonValue> root = parser.Parse(text);
+long InstalledProducts::ParseProducts(const std::string& text, std::string& why) {
+  const std::unique_ptr<hlp::JsonValue> root = kro::ParseSettingsText(text, why);
   const hlp::JsonValue* products = root ? root->FindMember("products") : nullptr;
   if (products == nullptr || !products->IsArray()) {
+    if (root != nullptr) {
+      why = "it has no \"products\" array";
+    }
     return status::NotAvailable;
   }
   long result = status::Ok;

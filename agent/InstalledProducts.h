@@ -70,7 +70,8 @@ class InstalledProducts {
   /**
    * @brief Empties the table and reads "Products.cfg" again. 0x80000011 / 0x80000012 when the
    * file cannot be opened / read, 0x80000110 when it is empty, 0x80000114 when it is no product
-   * list or no product loaded; otherwise the last product's status.
+   * list or no product loaded; otherwise the last product's status. A leading UTF-8 byte-order
+   * mark is skipped; a file that is there but no product list is logged with where it breaks.
    */
   long ReloadProducts();
 
@@ -85,7 +86,8 @@ class InstalledProducts {
  private:
   void EnsureKestaFolder();
   long Grow();
-  long ParseProducts(const std::string& text);
+  /** @brief `why` says what is wrong when the text as a whole is no product list. */
+  long ParseProducts(const std::string& text, std::string& why);
   long ParseProduct(const hlp::JsonValue& element, int32_t slot);
   long LearnVersion(ProductRecord& record, const hlp::JsonValue& element);
   void RecordVersion(ProductRecord& record, std::string_view text);

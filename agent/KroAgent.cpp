@@ -451,10 +451,9 @@ bool KroAgent::GetAlertDataSchema(const char* name, KroAlerts::DataSchema& schem
 }
 
 long KroAgent::QueueDialHomeRequest() {
-  // At once, on the dial-home thread: the alert should not wait for the periodic report.
-  return status::Code(nvthreads_workitem_add(kDialHomePool, kDialHomeThread, "request", 1, 0, 0,
-                                             nullptr, nullptr, kro::DialHome::RequestEntry,
-                                             &dialHome_));
+  // At once, on the dial-home thread: the alert should not wait for the periodic report. A
+  // request still waiting to start takes this alert along instead.
+  return dialHome_.RequestDialHome();
 }
 
 unsigned short KroAgent::GetAgentPort() {

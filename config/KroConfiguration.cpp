@@ -8,7 +8,9 @@
 #include <sstream>
 
 #include "common/KroStatus.h"
+#include "common/SettingsText.h"
 #include "hlp/Json.h"
+#include "logging_support/logging_support.h"
 
 namespace kro {
 
@@ -44,6 +46,16 @@ bool TruncateToWord(const hlp::JsonValue& member, uint64_t& word) {
 const hlp::JsonValue* NumberMember(const hlp::JsonValue& root, std::string_view key) {
   const hlp::JsonValue* member = root.FindMember(key);
   return member != nullptr && member->IsNumber() ? member : nullptr;
+}
+
+/** @brief Why a settings text is no JSON object: where it broke, or what it is instead. */
+std::string WhyNotAnObject(std::string_view text) {
+  std::string why;
+  const std::unique_ptr<hlp::JsonValue> root = ParseSettingsText(text, why);
+  if (root != nullptr) {
+    why = root->IsObject() ? "its settings could not be applied" : "it is not a JSON object";
+  }
+  return why;
 }
 
 }  // namespace
@@ -86,7 +98,12 @@ long KroConfiguration::Load(const std::string& path) {
     in.seekg(0, std::ios::beg);
     in.read(text.data(), size);
     in.close();
-    return FromJson(text.c_str());
+    const long result = FromJson(text.c_str());
+    if (result == status::NotAvailable || result == status::Failure) {
+      // The settings stay as they were; whoever edited the file learns where it went wrong.
+      KRO_LOG_ERROR << "Settings file " << path << " ignored: " << WhyNotAnObject(text.c_str());
+    }
+    return result;
   } catch (...) {
     return status::Failure;
   }
@@ -150,8 +167,8 @@ std::unique_ptr<hlp::JsonValue> KroConfiguration::ParseObject(const char* text) 
   if (text == nullptr) {
     return nullptr;
   }
-  hlp::JsonParser parser(0);
-  std::unique_ptr<hlp::JsonValue> root = parser.Parse(text);
+  std::string why;
+  std::unique_ptr<hlp::JsonValue> root = ParseSettingsText(text, why);
   if (root == nullptr || !root->IsObject()) {
     return nullptr;
   }

@@ -42,7 +42,8 @@ class KroConfiguration {
 
   /**
    * @brief Reads the file and applies it with FromJson. 0x80000114 for an empty path or a text
-   * that is no JSON object, 0x80000011 when the file cannot be opened.
+   * that is no JSON object, 0x80000011 when the file cannot be opened. A file that is there but
+   * not applied is logged with the place where it stops being JSON.
    */
   long Load(const std::string& path);
   /**
@@ -69,7 +70,10 @@ class KroConfiguration {
     return field;
   }
 
-  /** @brief The parsed text when it is a JSON object; null for no text, bad text or no object. */
+  /**
+   * @brief The parsed text (after an optional UTF-8 byte-order mark) when it is a JSON object;
+   * null for no text, bad text or no object.
+   */
   static std::unique_ptr<hlp::JsonValue> ParseObject(const char* text);
 
   /**

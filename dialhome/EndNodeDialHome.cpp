@@ -5,6 +5,7 @@
 #include <chrono>
 #include <cstring>
 #include <limits>
+#include <new>
 #include <sstream>
 #include <string_view>
 
@@ -33,6 +34,9 @@ constexpr uint64_t kMinuteMs = 60000;
 // connect time-out, if shorter): a TLS handshake to a distant, busy server needs it, and the
 // budget is overrun by at most this much.
 constexpr uint32_t kMinAttemptMs = 5000;
+// The alerts of one report take at most this much of its message buffer; the inventory needs
+// a few KiB. A longer queue goes in several reports, one right after the other.
+constexpr size_t kAlertBudget = kMessageBufferSize / 2;
 
 uint32_t ClampMs(uint64_t ms) {
   return static_cast<uint32_t>(std::min<uint64_t>(ms, std::numeric_limits<uint32_t>::max()));
@@ -107,6 +111,12 @@ struct DialHome::Exchange {
   MessageBuffer buffer;
   std::string payload;
   std::string reply;
+};
+
+/** @brief The context of one queued "request" item: whether it ran, for its clean-up. */
+struct DialHome::QueuedRequest {
+  DialHome* self = nullptr;
+  bool ran = false;
 };
 
 DialHome::DialHome() = default;
@@ -206,11 +216,39 @@ void DialHome::Stop() {
 }
 
 long DialHome::RequestDialHome() {
+  if (!alerts_.ClaimRequest()) {
+    return status::Ok;  // the queued one has not taken its snapshot yet
+  }
+  auto* queued = new (std::nothrow) QueuedRequest{this, false};
+  if (queued == nullptr) {
+    alerts_.EndRequest();
+    return status::OutOfMemory;
+  }
   const uint32_t st = nvthreads_workitem_add(kPool, kThread, kRequestItem, 1, 0, 0, nullptr,
-                                             nullptr, RequestEntry, this);
+                                             QueuedRequestDone, QueuedRequestEntry, queued);
   if (st != NVTHREADS_OK) {
+    delete queued;
+    alerts_.EndRequest();
     return status::Code(st);
   }
+  return status::Ok;
+}
+
+long DialHome::QueuedRequestEntry(void* context) {
+  auto* queued = static_cast<QueuedRequest*>(context);
+  queued->ran = true;
+  // Before the snapshot: an alert from now on may miss it and must queue a report of its own.
+  queued->self->alerts_.EndRequest();
+  return queued->self->OnWorkItem(request);
+}
+
+long DialHome::QueuedRequestDone(void* context) {
+  auto* queued = static_cast<QueuedRequest*>(context);
+  // Cancelled, or dropped by a shut-down: the next alert must be able to queue a report.
+  if (!queued->ran) {
+    queued->self->alerts_.EndRequest();
+  }
+  delete queued;
   return status::Ok;
 }
 
@@ -291,23 +329,19 @@ long DialHome::RunLocked(DialHomeType type) {
       return status::OutOfMemory;
     }
 
-    std::vector<AlertText> snapshot;
-    {
-      std::lock_guard<std::mutex> lock(alertsMutex_);
-      snapshot.assign(alerts_.begin(), alerts_.end());
-    }
-
-    const long result = Main(*exchange, type, snapshot);
+    const std::vector<AlertText> snapshot = alerts_.Snapshot();
+    AlertBatch batch;
+    const long result = Main(*exchange, type, snapshot, batch);
     if (result != status::Ok) {
       return result;
     }
-    {
-      // Alerts queued while the report was under way were not in it and stay.
-      std::lock_guard<std::mutex> lock(alertsMutex_);
-      const size_t sent = std::min(snapshot.size(), alerts_.size());
-      alerts_.erase(alerts_.begin(), alerts_.begin() + static_cast<ptrdiff_t>(sent));
+    // Alerts queued while the report was under way were not in it and stay.
+    alerts_.DropFront(batch.taken);
+    ReportDelivered(batch.carried);
+    if (batch.taken < snapshot.size()) {
+      // The rest did not fit into this report; it need not wait for the next alert.
+      RequestDialHome();
     }
-    ReportDelivered(snapshot);
     return status::Ok;
   } catch (const std::bad_alloc&) {
     return status::OutOfMemory;
@@ -316,9 +350,10 @@ long DialHome::RunLocked(DialHomeType type) {
   }
 }
 
-long DialHome::Main(Exchange& exchange, DialHomeType type, const std::vector<AlertText>& alerts) {
+long DialHome::Main(Exchange& exchange, DialHomeType type, const std::vector<AlertText>& alerts,
+                    AlertBatch& batch) {
   KRO_LOG_INFO << "Dialing home as type " << static_cast<int>(type);
-  long result = BuildPayload(exchange, type, alerts);
+  long result = BuildPayload(exchange, type, alerts, batch);
   if (result == status::Ok) {
     std::string record;
     result = BuildRequestRecord(exchange.payload, record);
@@ -353,7 +388,7 @@ long DialHome::Main(Exchange& exchange, DialHomeType type, const std::vector<Ale
 }
 
 long DialHome::BuildPayload(Exchange& exchange, DialHomeType type,
-                            const std::vector<AlertText>& alerts) {
+                            const std::vector<AlertText>& alerts, AlertBatch& batch) {
   SystemInventory& inventory = exchange.inventory;
   long st = inventory.ResetInventory(exchange.settings);
   if (status::Failed(st)) {
@@ -396,11 +431,7 @@ long DialHome::BuildPayload(Exchange& exchange, DialHomeType type,
   writer.Object();
   writer.Name("Data");
   writer.Array();
-  for (const AlertText& alert : alerts) {
-    if (!alert->empty()) {
-      writer.String(*alert);
-    }
-  }
+  batch = WriteAlertData(writer, alerts, kAlertBudget);
   writer.EndArray();
   writer.EndObject();
   writer.EndObject();
@@ -520,14 +551,7 @@ long DialHome::TestConnection(const DialHomeInfo& settings) {
 }
 
 long DialHome::AddAlert(const std::string& text) {
-  try {
-    auto alert = std::make_shared<const std::string>(text);
-    std::lock_guard<std::mutex> lock(alertsMutex_);
-    alerts_.push_back(std::move(alert));
-    return status::Ok;
-  } catch (...) {
-    return status::OutOfMemory;
-  }
+  return alerts_.Add(text);
 }
 
 void DialHome::SetAlertDelivered(std::function<void(const std::string& alertId)> delivered) {
@@ -558,8 +582,7 @@ void DialHome::ReportDelivered(const std::vector<AlertText>& alerts) {
 }
 
 size_t DialHome::AlertQueueSize() const {
-  std::lock_guard<std::mutex> lock(alertsMutex_);
-  return alerts_.size();
+  return alerts_.Size();
 }
 
 DialHomeSchedule DialHome::Schedule() const {

@@ -2,7 +2,6 @@
 
 #include <atomic>
 #include <cstdint>
-#include <deque>
 #include <filesystem>
 #include <functional>
 #include <memory>
@@ -10,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "dialhome/AlertQueue.h"
 #include "dialhome/DialHomeInfo.h"
 #include "logging_support/logging_support.h"
 
@@ -84,7 +84,11 @@ class DialHome {
   /** @brief Cancels the pending work items ("retry", "request", "periodic", "startup"). */
   void Stop();
 
-  /** @brief Queues a report of type request, to run at once on the client's thread. */
+  /**
+   * @brief Queues a report of type request, to run at once on the client's thread, unless one
+   * is queued already and has not started: that one carries whatever is queued by the time it
+   * runs, so a burst of alerts makes a few reports, not one each.
+   */
   long RequestDialHome();
 
   /**
@@ -108,7 +112,10 @@ class DialHome {
    */
   long Run(DialHomeType type);
 
-  /** @brief Work-item entries; the context is the DialHome. "retry" reports as startup. */
+  /**
+   * @brief Work-item entries; the context is the DialHome. "retry" reports as startup. The
+   * "request" items that RequestDialHome queues enter through a context of their own.
+   */
   static long StartupEntry(void* dialHome);
   static long PeriodicEntry(void* dialHome);
   static long RetryEntry(void* dialHome);
@@ -128,18 +135,23 @@ class DialHome {
 
  private:
   struct Exchange;
-  using AlertText = std::shared_ptr<const std::string>;
+  struct QueuedRequest;
+  using AlertText = AlertQueue::Text;
 
   long OnWorkItem(DialHomeType type);
   long RunLocked(DialHomeType type);
-  long Main(Exchange& exchange, DialHomeType type, const std::vector<AlertText>& alerts);
-  long BuildPayload(Exchange& exchange, DialHomeType type, const std::vector<AlertText>& alerts);
+  long Main(Exchange& exchange, DialHomeType type, const std::vector<AlertText>& alerts,
+            AlertBatch& batch);
+  long BuildPayload(Exchange& exchange, DialHomeType type, const std::vector<AlertText>& alerts,
+                    AlertBatch& batch);
   long ConnectWithRetry(Exchange& exchange);
   long SendRequest(Exchange& exchange);
   void PrepareClient(Exchange& exchange, uint32_t connectTimeoutMs);
   void ReportDelivered(const std::vector<AlertText>& alerts);
   std::filesystem::path TrustFile() const;
   static long ThreadInit(void* dialHome);
+  static long QueuedRequestEntry(void* context);
+  static long QueuedRequestDone(void* context);
 
   // Written by Create before any work item exists, read-only afterwards.
   DialHomeSchedule schedule_;
@@ -158,8 +170,7 @@ class DialHome {
   std::filesystem::path hostDirectory_;
   std::function<void(const std::string&)> delivered_;
 
-  mutable std::mutex alertsMutex_;
-  std::deque<AlertText> alerts_;
+  AlertQueue alerts_;
 
   std::mutex runMutex_;
 };

@@ -110,12 +110,17 @@ std::string NormaliseUri(std::string_view uri) {
 }
 
 std::string RoutedPath(std::string_view uri, bool agent) {
-  if (uri == "/") {
-    uri = agent ? "/arbalo/index.html" : "/kro/master/index.html";
-  }
   // The query part takes no part in routing; a routine's request is the body.
   uri = uri.substr(0, uri.find('?'));
-  return NormaliseUri(PercentDecoded(uri));
+  std::string path = NormaliseUri(PercentDecoded(uri));
+  if (path == "/") {
+    return agent ? "/arbalo/index.html" : "/kro/master/index.html";
+  }
+  // A folder's address, such as "/arbalo/", opens the folder's start page.
+  if (!path.empty() && path.back() == '/') {
+    path += "index.html";
+  }
+  return path;
 }
 
 std::string ContentTypeFor(std::string_view path) {

@@ -43,10 +43,11 @@ struct AnswerBuffer {
 std::string NormaliseUri(std::string_view uri);
 
 /**
- * @brief The path a browser request's URI is served under: "/" becomes the start page ("/arbalo/
- * index.html" on the agent, "/kro/master/index.html" otherwise), the query is dropped, "%XX"
- * escapes are decoded (a "%" without two hex digits stays as it is) and the result is normalised.
- * The session gate judges this path, so it must be exactly the one that is served.
+ * @brief The path a browser request's URI is served under: the query is dropped, "%XX" escapes
+ * are decoded (a "%" without two hex digits stays as it is) and the result is normalised; then
+ * "/" becomes the start page ("/arbalo/index.html" on the agent, "/kro/master/index.html"
+ * otherwise) and any other path ending in "/" gets "index.html". The session gate judges this
+ * path, so it must be exactly the one that is served.
  */
 std::string RoutedPath(std::string_view uri, bool agent);
 

@@ -3,13 +3,14 @@
 (function () {
   "use strict";
 
-  // Relative, so the page works wherever the agent mounts it (normally /arbalo/).
+  // Relative to the page's base (index.html names /arbalo/), so the page works at "/" too.
   var STATUS_URL = "Requests/getAgentStatus.json";
   var PRODUCTS_URL = "Requests/getInstalledProducts.json";
   var ALERTS_URL = "Requests/getAlerts.json";
   // Present only when the agent runs with --demo; otherwise the agent answers 404.
   var RAISE_ALERT_URL = "Requests/raiseTestAlert.json";
-  // The store keeps every alert until it is purged; beyond the newest few a table helps nobody.
+  // The store keeps every alert until it is purged; beyond the newest few a table helps nobody,
+  // so only these are asked for; the answer's "total" and "unsent" count the rest.
   var ALERTS_SHOWN = 50;
   // An agent that accepts the connection but never answers must not leave a card spinning.
   var TIMEOUT_MS = 10000;
@@ -49,11 +50,12 @@
 
   // Resolves with the parsed body, or rejects with an error saying what went wrong; an HTTP
   // error keeps its status, since a missing routine is told apart from a failing agent by it.
-  function fetchJson(url, method) {
+  function fetchJson(url, method, body) {
     var controller = typeof AbortController === "function" ? new AbortController() : null;
     var timer = controller ? setTimeout(function () { controller.abort(); }, TIMEOUT_MS) : null;
     var options = { method: method || "GET", cache: "no-store",
       headers: { Accept: "application/json" } };
+    if (body !== undefined) options.body = JSON.stringify(body);
     if (controller) options.signal = controller.signal;
 
     return fetch(url, options).then(function (response) {
@@ -292,19 +294,27 @@
     return row;
   }
 
+  function count(value, fallback) {
+    return typeof value === "number" && isFinite(value) && value >= 0 ? value : fallback;
+  }
+
   function renderAlerts(answer) {
     if (!isObject(answer) || !Array.isArray(answer.alerts)) {
       throw new Error("the agent's answer has no alert list");
     }
     // Newest first, as the agent lists them.
-    var alerts = answer.alerts.filter(isObject);
+    var alerts = answer.alerts.filter(isObject).slice(0, ALERTS_SHOWN);
     var body = $("alerts-body");
     clear(body);
-    alerts.slice(0, ALERTS_SHOWN).forEach(function (alert) {
+    alerts.forEach(function (alert) {
       body.appendChild(alertRow(alert));
     });
 
-    if (alerts.length === 0) {
+    // The counts are of the whole store; the list holds only its newest alerts.
+    var total = Math.max(count(answer.total, alerts.length), alerts.length);
+    var pending = count(answer.unsent,
+      alerts.filter(function (alert) { return alert.sent !== true; }).length);
+    if (total === 0) {
       var message = $("alerts-message");
       message.className = "state empty";
       message.textContent = "No alerts are stored on this machine.";
@@ -313,12 +323,11 @@
       show("alerts-meta", false);
       return;
     }
-    var pending = alerts.filter(function (alert) { return alert.sent !== true; }).length;
-    var meta = [alerts.length > ALERTS_SHOWN
-      ? "Showing the newest " + ALERTS_SHOWN + " of " + alerts.length + " alerts"
-      : plural(alerts.length, "alert")];
+    var meta = [total > alerts.length
+      ? "Showing the newest " + alerts.length + " of " + total.toLocaleString() + " alerts"
+      : plural(total, "alert")];
     meta.push(pending > 0
-      ? pending + " not yet delivered to the management server"
+      ? pending.toLocaleString() + " not yet delivered to the management server"
       : "all delivered to the management server");
     setText("alerts-meta", meta.join(" · "));
     show("alerts-meta", true);
@@ -334,7 +343,7 @@
     showLoading("alerts-message");
     show("alerts-wrap", false);
     show("alerts-meta", false);
-    return fetchJson(ALERTS_URL).then(function (answer) {
+    return fetchJson(ALERTS_URL, "POST", { count: ALERTS_SHOWN }).then(function (answer) {
       if (ticket === alertsLoads) renderAlerts(answer);
     }).catch(function (err) {
       if (ticket !== alertsLoads) return;

@@ -1,5 +1,7 @@
 #include "alerts/AlertsManager.h"
 
+#include <algorithm>
+#include <cctype>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
@@ -45,6 +47,10 @@ constexpr int64_t kSecondsPerDay = 86400;
 // Beyond this a purge limit means "keep everything"; it also keeps days * 86400 in range.
 constexpr int64_t kMaxPurgeDays = int64_t{1} << 32;
 constexpr size_t kFolderBufferSize = 4096;
+// What the UI page shows; a request may ask for another count up to the maximum, which keeps
+// one answer to a few hundred KiB however many alerts the store keeps.
+constexpr int64_t kAlertsAnsweredByDefault = 50;
+constexpr int64_t kMaxAlertsAnswered = 1000;
 
 int64_t SystemNow() {
   return std::chrono::duration_cast<std::chrono::seconds>(
@@ -168,11 +174,59 @@ void Send(const AlertsCore& core, const std::vector<std::string>& payloads) {
   }
 }
 
-/** @brief The "/Arbalo/Requests/getAlerts.json" routine: every alert, newest first. */
+/**
+ * @brief How many alerts a "getAlerts.json" request asks for: its member "count", a whole
+ * number from 0 to kMaxAlertsAnswered (more is cut to that), or the default without a request
+ * or without the member. False, with `why` for the caller, for anything else.
+ */
+bool RequestedCount(std::string_view request, int64_t& count, std::string& why) {
+  count = kAlertsAnsweredByDefault;
+  // A terminator a caller counted, or trailing blanks, are not part of the request.
+  while (!request.empty() && (request.back() == '\0' ||
+                              std::isspace(static_cast<unsigned char>(request.back())) != 0)) {
+    request.remove_suffix(1);
+  }
+  if (request.empty()) {
+    return true;
+  }
+  const std::unique_ptr<hlp::JsonValue> root = hlp::JsonParser().Parse(request);
+  if (root == nullptr || !root->IsObject()) {
+    why = "the request is not a JSON object";
+    return false;
+  }
+  const hlp::JsonValue* member = root->FindMember("count");
+  if (member == nullptr) {
+    return true;
+  }
+  if (!member->IsInteger() || member->GetInt64() < 0) {
+    why = "\"count\" must be a whole number from 0 to " + std::to_string(kMaxAlertsAnswered);
+    return false;
+  }
+  count = static_cast<int64_t>(std::min<uint64_t>(member->GetUint64(), kMaxAlertsAnswered));
+  return true;
+}
+
+long HandOver(const std::string& text, const char** response, size_t* responseLen) {
+  char* buffer = new (std::nothrow) char[text.size() + 1];
+  if (buffer == nullptr) {
+    return status::OutOfMemory;
+  }
+  std::memcpy(buffer, text.c_str(), text.size() + 1);
+  *response = buffer;
+  *responseLen = text.size();
+  return status::Ok;
+}
+
+/**
+ * @brief The "/Arbalo/Requests/getAlerts.json" routine: {"alerts":[...],"total":N,"unsent":M},
+ * the newest alerts first (as many as RequestedCount says), the number stored and how many of
+ * them the management server has not had. A bad request is answered {"error":"..."} with
+ * MalformedData.
+ */
 struct GetAlertsRoutine {
   std::weak_ptr<AlertsCore> core;
 
-  long operator()(const char* /*request*/, size_t /*requestLen*/, const char** response,
+  long operator()(const char* request, size_t requestLen, const char** response,
                   size_t* responseLen) const noexcept {
     return Guarded([&]() -> long {
       if (response == nullptr || responseLen == nullptr) {
@@ -180,28 +234,45 @@ struct GetAlertsRoutine {
       }
       *response = nullptr;
       *responseLen = 0;
+      int64_t count = 0;
+      std::string why;
+      if (!RequestedCount(std::string_view(request != nullptr ? request : "",
+                                           request != nullptr ? requestLen : 0),
+                          count, why)) {
+        std::ostringstream out;
+        hlp::JsonWriter writer(out);
+        writer.Object();
+        writer.Name("error");
+        writer.String(why);
+        writer.EndObject();
+        const long handed = HandOver(out.str(), response, responseLen);
+        return handed != status::Ok ? handed : status::MalformedData;
+      }
       const std::shared_ptr<AlertsCore> state = core.lock();
       if (state == nullptr) {
         return status::NotAvailable;
       }
       std::vector<AlertRecord> records;
+      long total = 0;
+      long unsent = 0;
       {
+        // One lock for all three, so the counts are of the alerts the list was taken from.
         std::lock_guard<std::mutex> guard(state->lock);
+        total = state->store.Count(false);
+        unsent = total < 0 ? total : state->store.Count(true);
+        if (unsent < 0) {
+          return unsent;
+        }
         AlertQuery query;
         query.newestFirst = true;
-        if (const long result = state->store.Select(query, records); result < 0) {
+        query.limit = count;
+        if (const long result = count > 0 ? state->store.Select(query, records) : 0; result < 0) {
           return result;
         }
       }
-      const std::string text = "{\"alerts\":" + AlertArrayJson(records) + "}";
-      char* buffer = new (std::nothrow) char[text.size() + 1];
-      if (buffer == nullptr) {
-        return status::OutOfMemory;
-      }
-      std::memcpy(buffer, text.c_str(), text.size() + 1);
-      *response = buffer;
-      *responseLen = text.size();
-      return status::Ok;
+      return HandOver("{\"alerts\":" + AlertArrayJson(records) + ",\"total\":" +
+                          std::to_string(total) + ",\"unsent\":" + std::to_string(unsent) + "}",
+                      response, responseLen);
     });
   }
 };

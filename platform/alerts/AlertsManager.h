@@ -34,7 +34,12 @@ class AlertsManager {
   static constexpr int kStartSendUnsent = 1;
   /** @brief Flag of `purgeAlerts`: keep alerts the management server has not had yet. */
   static constexpr int kPurgeKeepUnsent = 1;
-  /** @brief Name of the routine that answers {"alerts":[...]}, newest first. */
+  /**
+   * @brief Name of the routine that answers {"alerts":[...],"total":N,"unsent":M}: the newest
+   * 50 alerts (with "sent"), newest first, how many are stored and how many of those are
+   * unsent. A request {"count":N} asks for N (0 to 1000; more gives 1000); any other request
+   * is answered {"error":"..."}.
+   */
   static constexpr const char* kGetAlertsRoutine = "/Arbalo/Requests/getAlerts.json";
 
   /**

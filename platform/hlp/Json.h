@@ -213,10 +213,13 @@ class JsonParser {
   std::unique_ptr<JsonValue> Parse(std::string_view text);
   /** @brief Why the last Parse returned null. */
   const std::string& ErrorText() const { return error_; }
+  /** @brief Where in the text (a byte offset) the last Parse that returned null stopped. */
+  size_t ErrorOffset() const { return errorOffset_; }
 
  private:
   unsigned int flags_;
   std::string error_;
+  size_t errorOffset_ = 0;
 };
 
 }  // namespace hlp

@@ -106,31 +106,39 @@ inline std::string DescribeParseError(std::string_view what, size_t offset) {
 
 /**
  * @brief Parses all of `text` into `target`; empty on success, else what went wrong and where.
+ * The byte offset of a failure also goes to `errorOffset` when given.
  *
  * `text` need not be NUL-terminated. The parser stops at a NUL byte as if the text ended
  * there, so a NUL before the end is reported as data after the value.
  */
 template <unsigned Flags, typename Target>
-std::string ParseInto(std::string_view text, Target& target) {
+std::string ParseInto(std::string_view text, Target& target, size_t* errorOffset = nullptr) {
+  size_t offset = 0;
+  std::string error;
   if (text.size() > kJsonMaxText) {
-    return DescribeParseError("Text longer than " + std::to_string(kJsonMaxText) + " bytes", 0);
+    error = DescribeParseError("Text longer than " + std::to_string(kJsonMaxText) + " bytes", 0);
+  } else {
+    rapidjson::MemoryStream stream(text.data(), text.size());
+    rapidjson::Reader reader;
+    DepthLimited<Target> handler(target);
+    const rapidjson::ParseResult result = reader.Parse<Flags | kBaseParseFlags>(stream, handler);
+    if (handler.TooDeep()) {
+      offset = result.Offset();
+      error = DescribeParseError("Nesting deeper than " + std::to_string(kJsonMaxDepth) + " levels",
+                                 offset);
+    } else if (result.IsError()) {
+      offset = result.Offset();
+      error = DescribeParseError(rapidjson::GetParseError_En(result.Code()), offset);
+    } else if (stream.Tell() != text.size()) {
+      offset = stream.Tell();
+      error = DescribeParseError(
+          rapidjson::GetParseError_En(rapidjson::kParseErrorDocumentRootNotSingular), offset);
+    }
   }
-  rapidjson::MemoryStream stream(text.data(), text.size());
-  rapidjson::Reader reader;
-  DepthLimited<Target> handler(target);
-  const rapidjson::ParseResult result = reader.Parse<Flags | kBaseParseFlags>(stream, handler);
-  if (handler.TooDeep()) {
-    return DescribeParseError("Nesting deeper than " + std::to_string(kJsonMaxDepth) + " levels",
-                              result.Offset());
+  if (errorOffset != nullptr) {
+    *errorOffset = offset;
   }
-  if (result.IsError()) {
-    return DescribeParseError(rapidjson::GetParseError_En(result.Code()), result.Offset());
-  }
-  if (stream.Tell() != text.size()) {
-    return DescribeParseError(
-        rapidjson::GetParseError_En(rapidjson::kParseErrorDocumentRootNotSingular), stream.Tell());
-  }
-  return {};
+  return error;
 }
 
 }  // namespace hlp::detail

@@ -55,17 +55,19 @@ template <unsigned Flags>
 struct Builder {
   std::string_view text;
   std::string error;
+  size_t errorOffset = 0;
 
   bool operator()(rapidjson::Document& document) {
-    error = detail::ParseInto<Flags>(text, document);
+    error = detail::ParseInto<Flags>(text, document, &errorOffset);
     return error.empty();
   }
 };
 
 template <unsigned Flags>
-std::string Build(std::string_view text, rapidjson::Document& document) {
-  Builder<Flags> builder{text, {}};
+std::string Build(std::string_view text, rapidjson::Document& document, size_t& errorOffset) {
+  Builder<Flags> builder{text, {}, 0};
   document.Populate(builder);
+  errorOffset = builder.errorOffset;
   return std::move(builder.error);
 }
 
@@ -223,21 +225,22 @@ JsonParser::JsonParser(unsigned int flags) : flags_(flags) {}
 std::unique_ptr<JsonValue> JsonParser::Parse(std::string_view text) {
   try {
     error_.clear();
+    errorOffset_ = 0;
     auto document = std::make_unique<rapidjson::Document>();
     constexpr unsigned kComments = rapidjson::kParseCommentsFlag;
     constexpr unsigned kCommas = rapidjson::kParseTrailingCommasFlag;
     switch (flags_ & (kAllowComments | kAllowTrailingCommas)) {
       case kAllowComments:
-        error_ = Build<kComments>(text, *document);
+        error_ = Build<kComments>(text, *document, errorOffset_);
         break;
       case kAllowTrailingCommas:
-        error_ = Build<kCommas>(text, *document);
+        error_ = Build<kCommas>(text, *document, errorOffset_);
         break;
       case kAllowComments | kAllowTrailingCommas:
-        error_ = Build<kComments | kCommas>(text, *document);
+        error_ = Build<kComments | kCommas>(text, *document, errorOffset_);
         break;
       default:
-        error_ = Build<0>(text, *document);
+        error_ = Build<0>(text, *document, errorOffset_);
         break;
     }
     if (!error_.empty()) {

@@ -6,7 +6,9 @@
 #include <chrono>
 #include <ctime>
 #include <filesystem>
+#include <future>
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -16,6 +18,7 @@
 #include "dialhome/EndNodeDialHome.h"
 #include "dialhome/SystemInventory.h"
 #include "hlp/Json.h"
+#include "nvthreads/nvthreads.h"
 #include "tests/agent/AgentTestSupport.h"
 #include "tests/dialhome/HomeStandIn.h"
 
@@ -192,6 +195,62 @@ TEST_F(AlertsBridgeTests, AlertsTravelWithTheNextGoodReportAcrossARestartAndAnOu
   EXPECT_EQ(Alerts(agent), nullptr);
   // Released alerting refuses new alerts instead of reaching a freed manager.
   EXPECT_EQ(agent.GenerateAlert("DiskFull", 4, nullptr, nullptr), kro::status::NotAvailable);
+  EXPECT_EQ(agent.Exit(), 0);
+}
+
+TEST_F(AlertsBridgeTests, ABurstOfAlertsTravelsInAFewReportsAndEachIsMarkedDelivered) {
+  KroAgent agent;
+  ASSERT_EQ(agent.Init(), 0);
+  ASSERT_EQ(agent.MainThreadInit(&agent), 0);
+  kro::DialHome& dialHome = DialHomeOf(agent);
+  dialHome.Stop();  // no start-up report in the middle of the burst
+  dialHome.SetConnectionWaits({300, 100, 2000, 60000});
+  kro::test::StandIn home;
+  EnrolAt(home.Port());
+  // The server holds its first answer until the whole burst is raised, so the burst meets a
+  // report under way and another waiting to start, however fast either side runs.
+  std::promise<void> raised;
+  home.During([burst = raised.get_future().share()] { burst.wait_for(std::chrono::seconds(60)); });
+
+  constexpr size_t kBurst = 500;
+  for (size_t i = 0; i < kBurst; ++i) {
+    ASSERT_EQ(agent.GenerateAlert("Burst", static_cast<unsigned>(i), nullptr, nullptr), 0);
+  }
+  // The client's work items run in the order they were added: once this one has run, every
+  // report the burst asked for has been made.
+  auto* settled = new std::promise<void>;
+  std::future<void> done = settled->get_future();
+  ASSERT_EQ(nvthreads_workitem_add(
+                kDialHomePool, kDialHomeThread, "settled", 1, 0, 0, nullptr,
+                [](void* promise) -> long {
+                  delete static_cast<std::promise<void>*>(promise);
+                  return 0;
+                },
+                [](void* promise) -> long {
+                  static_cast<std::promise<void>*>(promise)->set_value();
+                  return 0;
+                },
+                settled),
+            NVTHREADS_OK);
+  raised.set_value();
+  ASSERT_EQ(done.wait_for(std::chrono::seconds(60)), std::future_status::ready);
+  EXPECT_EQ(Alerts(agent)->getAlertCount(1), 0);
+
+  EXPECT_LE(home.Requests().size(), 2u);
+  const std::vector<std::string> reported = ReportedIds(home);
+  EXPECT_EQ(reported.size(), kBurst);
+  std::string json;
+  ASSERT_EQ(Alerts(agent)->listAlerts(json, 0), static_cast<long>(kBurst));
+  const auto stored = hlp::JsonParser().Parse(json);
+  ASSERT_NE(stored, nullptr);
+  std::set<std::string> storedIds;
+  for (size_t i = 0; i < stored->Size(); ++i) {
+    storedIds.insert(stored->At(i)->FindMember("id")->GetString());
+    EXPECT_TRUE(stored->At(i)->FindMember("sent")->GetBool());
+  }
+  EXPECT_EQ(std::set<std::string>(reported.begin(), reported.end()), storedIds);
+  EXPECT_EQ(dialHome.AlertQueueSize(), 0u);
+  EXPECT_EQ(agent.MainThreadCleanup(&agent), 0);
   EXPECT_EQ(agent.Exit(), 0);
 }
 

@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <mutex>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -306,6 +308,55 @@ TEST_F(DialHomeTests, AlertQueuedDuringReportStays) {
   EXPECT_EQ(delivered_, (std::vector<std::string>{"early", "late"}));
 }
 
+TEST_F(DialHomeTests, AQueueTooLargeForOneReportGoesInSeveralAndLosesNothing) {
+  Enrol(standIn_.Port());
+  std::mutex mutex;
+  std::vector<std::string> delivered;
+  dialHome_.SetAlertDelivered([&](const std::string& id) {
+    std::lock_guard<std::mutex> lock(mutex);
+    delivered.push_back(id);
+  });
+  // Each \" doubles on the way into the report: 600 alerts come to about 1.2 MB of JSON,
+  // more than one message holds.
+  std::string filler;
+  for (int i = 0; i < 500; ++i) {
+    filler += "\\\"";
+  }
+  std::vector<std::string> ids;
+  for (int i = 0; i < 600; ++i) {
+    ids.push_back("a" + std::to_string(i));
+    ASSERT_EQ(dialHome_.AddAlert(R"({"id":")" + ids.back() + R"(","text":")" + filler + "\"}"),
+              status::Ok);
+  }
+  ASSERT_EQ(dialHome_.Run(request), status::Ok);
+  // The rest follows at once on the client's thread.
+  const Clock::time_point deadline = Clock::now() + 30s;
+  const auto deliveredCount = [&] {
+    std::lock_guard<std::mutex> lock(mutex);
+    return delivered.size();
+  };
+  while (deliveredCount() < ids.size() && Clock::now() < deadline) {
+    std::this_thread::sleep_for(10ms);
+  }
+  dialHome_.SetAlertDelivered(nullptr);
+
+  std::vector<std::string> reported;
+  const auto seen = standIn_.Requests();
+  for (const auto& report : seen) {
+    EXPECT_LE(report.body.size(), kMessageBufferSize);
+    const auto root = hlp::JsonParser().Parse(UnframeRequest(report.body));
+    ASSERT_NE(root, nullptr);
+    const hlp::JsonValue* data = root->FindMember("Alerts")->FindMember("Data");
+    for (size_t i = 0; i < data->Size(); ++i) {
+      AlertIdOf(data->At(i)->GetString(), reported.emplace_back());
+    }
+  }
+  EXPECT_GE(seen.size(), 2u);
+  EXPECT_EQ(reported, ids);
+  EXPECT_EQ(delivered, ids);
+  EXPECT_EQ(dialHome_.AlertQueueSize(), 0u);
+}
+
 TEST_F(DialHomeTests, MissingAgentVersionAbandonsTheReport) {
   Enrol(standIn_.Port());
   WriteRegistryString(L"", kSetupKey, L"ProductVersion");
@@ -389,6 +440,9 @@ TEST_F(DialHomeTests, StartSchedulesAndStopCancels) {
     SCOPED_TRACE(item);
     EXPECT_FALSE(Pending(item));
   }
+  // A cancelled request does not swallow the next one.
+  ASSERT_EQ(dialHome_.RequestDialHome(), status::Ok);
+  EXPECT_TRUE(Pending(DialHome::kRequestItem));
   EXPECT_TRUE(standIn_.Requests().empty());
 }
 

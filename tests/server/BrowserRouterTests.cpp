@@ -146,6 +146,10 @@ TEST_F(BrowserRouterServeTests, FilesAndRoutinesAnswerWithTheirHeaders) {
   };
   const Case cases[] = {
       {"/", true, true, "content-Type: text/html\r\n", "<p>home</p>"},
+      // The addresses a person types: the start page, whatever follows the folder's name.
+      {"/?lang=en", true, true, "content-Type: text/html\r\n", "<p>home</p>"},
+      {"/arbalo/", true, true, "content-Type: text/html\r\n", "<p>home</p>"},
+      {"/kro/master/", false, true, "content-Type: text/html\r\n", "master"},
       {"/arbalo/index.html?v=3", true, true, "content-Type: text/html\r\n", "<p>home</p>"},
       {"/arbalo/app.JS", true, true, "content-Type: \r\n", "js"},
       {"/arbalo/reports.html", true, true, "content-Type: text/html\r\n", "full"},

@@ -1,7 +1,8 @@
 #!/usr/bin/env python3
 """End-to-end check of the browser UI: a real agent in a throw-away installation serves the page,
 headless Chromium runs its JavaScript, and the rendered DOM must show the installed products, the
-agent's version and the test alert raised through the agent's demo routine just before.
+agent's version and the test alert raised through the agent's demo routine just before. The page
+is opened where the README sends a new user (http://127.0.0.1:<UI port>/) and under /arbalo/.
 
 Usage: ui_test.py --bin <folder with kroagent and libKroAgent.so> --ui <source ui folder>
 Exit status 0 on success, 1 on failure (the temporary folder, with the DOM and the agent's log,
@@ -20,6 +21,7 @@ import subprocess
 import sys
 import tempfile
 import time
+import urllib.parse
 import urllib.request
 
 CHROMIUM = "/usr/bin/chromium"
@@ -84,6 +86,31 @@ def wait_for_page(url, agent, timeout_s=20):
         except OSError:
             time.sleep(0.25)
     raise Failure("%s did not answer 200 within %d s" % (url, timeout_s))
+
+
+def check_assets(url):
+    """The page's style sheet and script, resolved against the page's address as a browser does
+    (its <base> included), must be served with their content types: without them the page shows
+    unstyled and never leaves "Loading…"."""
+    with urllib.request.urlopen(url, timeout=10) as response:
+        page = response.read().decode("utf-8", errors="replace")
+    base = re.search(r'<base\s[^>]*href="([^"]*)"', page)
+    base_url = urllib.parse.urljoin(url, base.group(1)) if base else url
+    assets = [(href, "text/css") for href in
+              re.findall(r'<link\s[^>]*rel="stylesheet"[^>]*href="([^"]*)"', page)]
+    assets += [(src, "application/x-javascript") for src in
+               re.findall(r'<script\s[^>]*src="([^"]*)"', page)]
+    if len(assets) < 2:
+        raise Failure("%s names no style sheet or no script: %r" % (url, assets))
+    for asset, content_type in assets:
+        asset_url = urllib.parse.urljoin(base_url, asset)
+        try:
+            with urllib.request.urlopen(asset_url, timeout=10) as response:
+                served = response.headers.get("Content-Type", "")
+        except OSError as e:
+            raise Failure("%s, named by %s, is not served: %s" % (asset_url, url, e))
+        if served != content_type:
+            raise Failure("%s is served as %r, expected %r" % (asset_url, served, content_type))
 
 
 def run_chromium(profile, url, timeout_s=90):
@@ -190,8 +217,10 @@ def main():
             agent = subprocess.Popen([host, "--demo"], cwd=host_dir, stdout=out,
                                      stderr=subprocess.STDOUT,
                                      env=dict(os.environ, KRO_REGISTRY_FILE=registry))
-        base_url = "http://127.0.0.1:%d/arbalo/" % ui_port
-        wait_for_page(base_url + "index.html", agent)
+        # Where the README and the demo send a new user, and the folder the page lives in.
+        root_url = "http://127.0.0.1:%d/" % ui_port
+        base_url = root_url + "arbalo/"
+        wait_for_page(root_url, agent)
         # As the page's button does; the agent must report success.
         request = urllib.request.Request(base_url + "Requests/raiseTestAlert.json", data=b"")
         with urllib.request.urlopen(request, timeout=10) as response:
@@ -199,15 +228,20 @@ def main():
         if answer != {"result": "success"}:
             raise Failure("raising the test alert answered %r" % (answer,))
 
-        dom = run_chromium(os.path.join(root, "chromium-profile"), base_url + "index.html")
-        write(os.path.join(root, "page.html"), dom)
-        check_page(dom, version, ui_port)
+        for run, url in enumerate((root_url, base_url)):
+            check_assets(url)
+            dom = run_chromium(os.path.join(root, "chromium-profile-%d" % run), url)
+            write(os.path.join(root, "page-%d.html" % run), dom)
+            try:
+                check_page(dom, version, ui_port)
+            except Failure as e:
+                raise Failure("at %s: %s" % (url, e))
 
         agent.send_signal(signal.SIGTERM)
         if agent.wait(timeout=20) != 0:
             raise Failure("kroagent exited with %d after SIGTERM, expected 0" % agent.returncode)
-        print("PASS: the page lists Arbalo %s and Kesta Optimizer 3.1.7.2, shows the agent and "
-              "the raised alert, and kroagent stopped cleanly" % version)
+        print("PASS: the page at / and at /arbalo/ lists Arbalo %s and Kesta Optimizer 3.1.7.2, "
+              "shows the agent and the raised alert, and kroagent stopped cleanly" % version)
         shutil.rmtree(root, ignore_errors=True)
         return 0
     except Exception as e:  # noqa: BLE001 - any failure keeps the installation for a look

@@ -261,6 +261,57 @@ TEST_F(AlertsManagerTests, RoutineListsNewestFirstWithSentFlag) {
                                               first + " sent:false"}));
 }
 
+TEST_F(AlertsManagerTests, RoutineAnswersTheRequestedNewestAlertsAndTheTotal) {
+  std::vector<std::string> newestFirst;
+  for (int i = 0; i < 60; ++i) {
+    newestFirst.insert(newestFirst.begin(), Add("Many", static_cast<unsigned>(i), 100 + i));
+  }
+  ASSERT_EQ(manager_->markAlertAsSent(newestFirst.back()), status::Ok);
+  const auto newest = [&](size_t n) {
+    return std::vector<std::string>(newestFirst.begin(), newestFirst.begin() + n);
+  };
+  struct Case {
+    std::string request;
+    long result;
+    std::vector<std::string> ids;  // for a good request
+  };
+  const Case cases[] = {
+      {"", status::Ok, newest(50)},
+      {" {} ", status::Ok, newest(50)},
+      {R"({"count":3,"other":true})", status::Ok, newest(3)},
+      {std::string(R"({"count":2})") + '\0', status::Ok, newest(2)},
+      {R"({"count":0})", status::Ok, {}},
+      {R"({"count":18446744073709551615})", status::Ok, newest(60)},
+      {R"({"count":-1})", status::MalformedData, {}},
+      {R"({"count":2.5})", status::MalformedData, {}},
+      {R"({"count":"5"})", status::MalformedData, {}},
+      {"[5]", status::MalformedData, {}},
+      {"{", status::MalformedData, {}},
+  };
+  const auto& routine = routines_.at(AlertsManager::kGetAlertsRoutine);
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.request);
+    const char* response = nullptr;
+    size_t length = 0;
+    EXPECT_EQ(routine(c.request.data(), c.request.size(), &response, &length), c.result);
+    ASSERT_NE(response, nullptr);
+    const auto root = hlp::JsonParser().Parse(std::string_view(response, length));
+    delete[] response;
+    ASSERT_NE(root, nullptr);
+    if (c.result != status::Ok) {
+      EXPECT_TRUE(root->FindMember("error")->IsString());
+      continue;
+    }
+    EXPECT_EQ(root->FindMember("total")->GetInt64(), 60);
+    EXPECT_EQ(root->FindMember("unsent")->GetInt64(), 59);
+    std::vector<std::string> listed;
+    for (size_t i = 0; i < root->FindMember("alerts")->Size(); ++i) {
+      listed.push_back(IdOf(root->FindMember("alerts")->At(i)->ToString()));
+    }
+    EXPECT_EQ(listed, c.ids);
+  }
+}
+
 TEST_F(AlertsManagerTests, LeavesAnotherRoutineOfTheSameNameAlone) {
   kro::test::AlertRoutines routines;
   routines[AlertsManager::kGetAlertsRoutine] = [](const char*, size_t, const char**, size_t*) {
