@@ -11,7 +11,6 @@
 
 #include <gtest/gtest.h>
 
-#include "dialhome/DialHomeFrame.h"
 #include "hlp/HttpServerConnection.h"
 #include "hlp/RequestInfo.h"
 #include "hlp/SSLContext.h"
@@ -33,14 +32,17 @@ inline std::string Reply(const std::string& json) {
 }
 
 /**
- * @brief The request record's JSON; a test failure unless the record is byte for byte the
- * framing of that JSON (whose layout DialHomeFrameTests pin down).
+ * @brief The request record's JSON; a test failure unless the record is, byte for byte, the
+ * header of five little-endian words (total, 0, 9, 0, payload size with its zero), the name
+ * "DialHome" with its zero, and the JSON with its zero.
  */
 inline std::string UnframeRequest(const std::string& body) {
-  const std::string json = body.size() > 29 ? body.substr(29, body.size() - 30) : "";
-  std::string framed;
-  EXPECT_EQ(BuildRequestRecord(json, framed), 0);
-  EXPECT_TRUE(body == framed) << "malformed request record of " << body.size() << " bytes";
+  const std::string json = body.size() > 30 ? body.substr(29, body.size() - 30) : "";
+  const std::string expected = Le32(static_cast<uint32_t>(29 + json.size() + 1)) + Le32(0) +
+                               Le32(9) + Le32(0) + Le32(static_cast<uint32_t>(json.size() + 1)) +
+                               std::string("DialHome\0", 9) + json + std::string(1, '\0');
+  EXPECT_TRUE(body == expected) << "malformed request record of " << body.size() << " bytes";
+  EXPECT_EQ(json.find('\0'), std::string::npos);
   return json;
 }
 
