@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -7,9 +8,13 @@
 #include <functional>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
+
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
 
 #include "hlp/HttpServerConnection.h"
 #include "hlp/RequestInfo.h"
@@ -115,6 +120,42 @@ class StandIn {
   std::function<void()> during_;
   std::vector<Seen> seen_;
   LiveServer server_;  // last: stops before the state its workers use goes away
+};
+
+/**
+ * @brief A management server whose network swallows everything: it takes each connection
+ * and never sends a byte, so a TLS handshake waits until its time-out. Counts connections.
+ */
+class SilentHome {
+ public:
+  SilentHome() : acceptor_(io_, {boost::asio::ip::address_v4::loopback(), 0}) {
+    Accept();
+    thread_ = std::thread([this] { io_.run(); });
+  }
+  ~SilentHome() {
+    io_.stop();
+    thread_.join();
+  }
+
+  uint16_t Port() const { return acceptor_.local_endpoint().port(); }
+  int Connections() const { return connections_.load(); }
+
+ private:
+  void Accept() {
+    acceptor_.async_accept([this](boost::system::error_code ec, boost::asio::ip::tcp::socket s) {
+      if (!ec) {
+        ++connections_;
+        held_.push_back(std::move(s));
+        Accept();
+      }
+    });
+  }
+
+  boost::asio::io_context io_;
+  boost::asio::ip::tcp::acceptor acceptor_;
+  std::vector<boost::asio::ip::tcp::socket> held_;  // only the io thread touches it
+  std::atomic<int> connections_{0};
+  std::thread thread_;
 };
 
 }  // namespace kro::test
