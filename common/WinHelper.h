@@ -146,8 +146,10 @@ long GetComputerNameDns(std::string& out);
 
 /**
  * @brief Flushes the resolver cache through dnsapi.dll. 0x80000187 when the library does not
- * load, 0x80000114 when the entry point is missing (always so on POSIX: no cache to flush),
- * 0x80000000 when the flush reports failure.
+ * load, 0x80000114 when the entry point is missing, 0x80000000 when the flush reports failure.
+ * On POSIX the caching services' tools found on PATH are run ("resolvectl flush-caches",
+ * "nscd -i hosts"), each for at most a few seconds: 0 when one of them flushed, 0x80000000
+ * when all that are there failed, 0x80000114 when there is none.
  */
 long FlushDnsCache();
 

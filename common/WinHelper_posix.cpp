@@ -1,13 +1,24 @@
+#include <fcntl.h>
 #include <limits.h>
 #include <netdb.h>
+#include <signal.h>
+#include <spawn.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/types.h>
+#include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <string_view>
+#include <thread>
+
+extern char** environ;
 
 #include "common/KroStatus.h"
 #include "common/RegistryFile.h"
@@ -103,6 +114,71 @@ bool ToUnixTime(uint64_t fileTime, time_t& out) {
   }
   out = static_cast<time_t>(static_cast<int64_t>(fileTime / kTicksPerSecond) - kEpochDifference);
   return true;
+}
+
+// How long one cache flush may take before it is given up (and its process killed).
+constexpr std::chrono::milliseconds kFlushWait(3000);
+
+/** @brief The tool as the shell would find it on PATH: the first executable regular file. */
+bool FindOnPath(std::string_view tool, std::string& found) {
+  const char* path = std::getenv("PATH");
+  std::string_view dirs = path != nullptr ? path : "";
+  while (!dirs.empty()) {
+    const size_t colon = dirs.find(':');
+    const std::string_view dir = dirs.substr(0, colon);
+    dirs = colon == std::string_view::npos ? std::string_view() : dirs.substr(colon + 1);
+    // An empty entry would mean the current folder, which is no place to run tools from.
+    if (dir.empty()) {
+      continue;
+    }
+    std::string candidate = std::string(dir) + '/' + std::string(tool);
+    struct stat info {};
+    if (stat(candidate.c_str(), &info) == 0 && S_ISREG(info.st_mode) &&
+        access(candidate.c_str(), X_OK) == 0) {
+      found = std::move(candidate);
+      return true;
+    }
+  }
+  return false;
+}
+
+/** @brief Runs a tool with no input or output; true when it exits with 0 within kFlushWait. */
+bool RunQuietly(const std::string& tool, std::vector<const char*> arguments) {
+  posix_spawn_file_actions_t actions;
+  if (posix_spawn_file_actions_init(&actions) != 0) {
+    return false;
+  }
+  for (const int fd : {0, 1, 2}) {
+    posix_spawn_file_actions_addopen(&actions, fd, "/dev/null", fd == 0 ? O_RDONLY : O_WRONLY, 0);
+  }
+  arguments.insert(arguments.begin(), tool.c_str());
+  arguments.push_back(nullptr);
+  pid_t child = 0;
+  const int spawned = posix_spawn(&child, tool.c_str(), &actions, nullptr,
+                                  const_cast<char* const*>(arguments.data()), environ);
+  posix_spawn_file_actions_destroy(&actions);
+  if (spawned != 0) {
+    return false;
+  }
+  const auto deadline = std::chrono::steady_clock::now() + kFlushWait;
+  int state = 0;
+  for (;;) {
+    const pid_t done = waitpid(child, &state, WNOHANG);
+    if (done == child) {
+      return WIFEXITED(state) && WEXITSTATUS(state) == 0;
+    }
+    if (done < 0 && errno != EINTR) {
+      return false;
+    }
+    if (std::chrono::steady_clock::now() >= deadline) {
+      // A resolver that does not answer must not hold up the agent's start.
+      kill(child, SIGKILL);
+      while (waitpid(child, &state, 0) < 0 && errno == EINTR) {
+      }
+      return false;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
 }
 
 std::wstring KeyOrDefault(std::wstring key) {
@@ -345,8 +421,27 @@ long GetComputerNameDns(std::string& out) {
 }
 
 long FlushDnsCache() {
-  // The system resolver keeps no cache of its own to flush.
-  return status::NotAvailable;
+  // The C library's resolver keeps no cache; the caching services do, and each has its tool:
+  // systemd-resolved and nscd. Every one the system has is flushed.
+  struct Flusher {
+    const char* tool;
+    std::vector<const char*> arguments;
+  };
+  try {
+    const Flusher flushers[] = {{"resolvectl", {"flush-caches"}}, {"nscd", {"-i", "hosts"}}};
+    bool present = false;
+    bool flushed = false;
+    for (const Flusher& flusher : flushers) {
+      std::string tool;
+      if (FindOnPath(flusher.tool, tool)) {
+        present = true;
+        flushed = RunQuietly(tool, flusher.arguments) || flushed;
+      }
+    }
+    return flushed ? status::Ok : present ? status::Failure : status::NotAvailable;
+  } catch (...) {
+    return status::OutOfMemory;
+  }
 }
 
 }  // namespace kro
