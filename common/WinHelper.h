@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <ctime>
@@ -139,8 +140,9 @@ long GetHostDataDirectory(std::wstring& out);
 
 /**
  * @brief The computer's fully qualified DNS name (GetComputerNameExA with
- * ComputerNameDnsFullyQualified; on POSIX the canonical name of the host name). Returns the
- * Windows error (or errno) as (e & 0xFFFF) | 0x80070000 on failure.
+ * ComputerNameDnsFullyQualified; on POSIX the canonical name of the host name, or the host name
+ * itself when the resolver has no answer within two seconds). Returns the Windows error (or
+ * errno) as (e & 0xFFFF) | 0x80070000 on failure.
  */
 long GetComputerNameDns(std::string& out);
 
@@ -175,6 +177,14 @@ bool FileTimeToCalendar(uint64_t fileTime, bool local, CalendarTime& out);
 
 /** @brief localtime_s / localtime_r. */
 bool LocalTimeOf(std::time_t time, std::tm& out);
+
+#ifndef _WIN32
+/**
+ * @brief The canonical name of `host` from the resolver, waiting at most `limit`; false (and
+ * `name` untouched) without an answer in time.
+ */
+bool CanonicalHostName(const std::string& host, std::chrono::milliseconds limit, std::string& name);
+#endif
 
 }  // namespace detail
 

@@ -15,14 +15,16 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <mutex>
 #include <string_view>
 #include <thread>
-
-extern char** environ;
+#include <vector>
 
 #include "common/KroStatus.h"
 #include "common/RegistryFile.h"
 #include "common/WinHelper.h"
+
+extern char** environ;  // the process's environment, handed on to the tools it runs
 
 namespace kro {
 
@@ -115,6 +117,9 @@ bool ToUnixTime(uint64_t fileTime, time_t& out) {
   out = static_cast<time_t>(static_cast<int64_t>(fileTime / kTicksPerSecond) - kEpochDifference);
   return true;
 }
+
+// How long the computer's canonical name may take to resolve.
+constexpr std::chrono::milliseconds kNameLookupWait(2000);
 
 // How long one cache flush may take before it is given up (and its process killed).
 constexpr std::chrono::milliseconds kFlushWait(3000);
@@ -395,6 +400,74 @@ long GetHostExecutablePath(std::wstring& out) {
   return status::Ok;
 }
 
+namespace detail {
+
+bool CanonicalHostName(const std::string& host, std::chrono::milliseconds limit,
+                       std::string& name) {
+  // The C library finishes a lookup it has begun even when it is given up on, and writes into
+  // the request then: such a request is kept (never freed under it) and freed by a later
+  // call once it is over.
+  struct Lookup {
+    std::string host;
+    addrinfo hints{};
+    gaicb request{};
+    ~Lookup() {
+      if (request.ar_result != nullptr) {
+        freeaddrinfo(request.ar_result);
+      }
+    }
+  };
+  static std::mutex abandonedMutex;
+  static auto* abandoned = new std::vector<std::unique_ptr<Lookup>>();  // outlives every lookup
+  {
+    std::lock_guard<std::mutex> lock(abandonedMutex);
+    std::erase_if(*abandoned, [](const std::unique_ptr<Lookup>& old) {
+      return gai_error(&old->request) != EAI_INPROGRESS;
+    });
+  }
+  auto lookup = std::make_unique<Lookup>();
+  lookup->host = host;
+  lookup->hints.ai_family = AF_UNSPEC;
+  lookup->hints.ai_flags = AI_CANONNAME;
+  lookup->request.ar_name = lookup->host.c_str();
+  lookup->request.ar_request = &lookup->hints;
+  gaicb* requests[] = {&lookup->request};
+  if (getaddrinfo_a(GAI_NOWAIT, requests, 1, nullptr) != 0) {
+    return false;
+  }
+  const auto deadline = std::chrono::steady_clock::now() + limit;
+  int result = gai_error(&lookup->request);
+  while (result == EAI_INPROGRESS) {
+    const auto left = std::chrono::duration_cast<std::chrono::nanoseconds>(
+        deadline - std::chrono::steady_clock::now());
+    if (left.count() <= 0) {
+      break;
+    }
+    const timespec wait{static_cast<time_t>(left.count() / 1000000000),
+                        static_cast<long>(left.count() % 1000000000)};
+    gai_suspend(requests, 1, &wait);
+    result = gai_error(&lookup->request);
+  }
+  if (result == EAI_INPROGRESS && gai_cancel(&lookup->request) == EAI_NOTCANCELED) {
+    std::lock_guard<std::mutex> lock(abandonedMutex);
+    try {
+      abandoned->push_back(std::move(lookup));
+    } catch (...) {
+      lookup.release();  // lost rather than freed while the library still writes into it
+    }
+    return false;
+  }
+  const addrinfo* found = lookup->request.ar_result;
+  if (gai_error(&lookup->request) != 0 || found == nullptr || found->ai_canonname == nullptr ||
+      *found->ai_canonname == '\0') {
+    return false;
+  }
+  name = found->ai_canonname;
+  return true;
+}
+
+}  // namespace detail
+
 long GetComputerNameDns(std::string& out) {
   char host[HOST_NAME_MAX + 1] = {};
   if (gethostname(host, sizeof(host) - 1) != 0) {
@@ -402,17 +475,9 @@ long GetComputerNameDns(std::string& out) {
   }
   try {
     std::string name = host;
-    addrinfo hints{};
-    hints.ai_family = AF_UNSPEC;
-    hints.ai_flags = AI_CANONNAME;
-    addrinfo* list = nullptr;
-    // Without a resolvable name the plain host name is the best answer there is.
-    if (getaddrinfo(host, nullptr, &hints, &list) == 0) {
-      const std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> found(list, &freeaddrinfo);
-      if (found != nullptr && found->ai_canonname != nullptr && *found->ai_canonname != '\0') {
-        name = found->ai_canonname;
-      }
-    }
+    // A name server that does not answer would hold the report up for its time-outs and
+    // retries; without the canonical name in time, the plain host name is the answer.
+    detail::CanonicalHostName(host, kNameLookupWait, name);
     out = std::move(name);
     return status::Ok;
   } catch (...) {

@@ -321,6 +321,18 @@ TEST(HostTests, ComputerNameIsOneCleanName) {
   EXPECT_EQ(name.find_first_of(" \t\r\n"), std::string::npos) << name;
 }
 
+#ifndef _WIN32
+TEST(HostTests, CanonicalNameLookupIsBounded) {
+  std::string name = "unchanged";
+  EXPECT_TRUE(detail::CanonicalHostName("localhost", std::chrono::seconds(2), name));
+  EXPECT_EQ(name, "localhost");
+  // No time at all: the answer is whatever the resolver had at once, and it comes at once.
+  const auto start = std::chrono::steady_clock::now();
+  detail::CanonicalHostName("localhost", std::chrono::milliseconds(0), name);
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(500));
+}
+#endif
+
 #ifdef _WIN32
 TEST(HostTests, DnsFlushAnswersWithoutCrashing) {
   const long result = FlushDnsCache();
