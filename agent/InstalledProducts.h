@@ -118,8 +118,10 @@ long GetInstalledProductsBrowser(const char* request, size_t requestLen, const c
 namespace detail {
 
 /**
- * @brief The "FileVersion" text of an executable's version resource. 0 with an empty text
- * when the resource names none (always so where executables carry no such resource).
+ * @brief The "FileVersion" text of an executable's version resource on Windows; elsewhere the
+ * text of the file's "KroAgent" ELF note (KroVersion.h). 0 with an empty text when the resource
+ * names none; on POSIX 0x80000120 when an ELF file has no such note, 0x80000110 for a file that
+ * is not one or is damaged, 0x80000011 when the file cannot be opened.
  */
 long ReadFileVersion(const std::string& file, std::string& versionText);
 

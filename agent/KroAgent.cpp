@@ -289,6 +289,10 @@ long KroAgent::MainThreadInit(void* /*context*/) {
         manager->markAlertAsSent(alertId);
       }
     });
+    // Alerts raised from here on reach the client, even before its first report is scheduled.
+    if (alertCallbacks_ != nullptr) {
+      alertCallbacks_->SetDialHome(&dialHome_);
+    }
 
     // The agent port speaks TLS as the settings say; the UI port is for browsers on this
     // machine and speaks plain HTTP. Session option 0 keeps the UI local-only.
@@ -303,9 +307,6 @@ long KroAgent::MainThreadInit(void* /*context*/) {
 
     // The first report goes 30 s after this, the periodic ones follow the configured interval.
     dialHome_.Start(dialHomeInfo_);
-    if (alertCallbacks_ != nullptr) {
-      alertCallbacks_->SetDialHome(&dialHome_);
-    }
 
     KRO_LOG_INFO << "Agent port " << agentPort << (agentSSL ? " (TLS)" : "") << ", UI port "
                  << uiPort;

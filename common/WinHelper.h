@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <ctime>
@@ -139,15 +140,18 @@ long GetHostDataDirectory(std::wstring& out);
 
 /**
  * @brief The computer's fully qualified DNS name (GetComputerNameExA with
- * ComputerNameDnsFullyQualified; on POSIX the canonical name of the host name). Returns the
- * Windows error (or errno) as (e & 0xFFFF) | 0x80070000 on failure.
+ * ComputerNameDnsFullyQualified; on POSIX the canonical name of the host name, or the host name
+ * itself when the resolver has no answer within two seconds). Returns the Windows error (or
+ * errno) as (e & 0xFFFF) | 0x80070000 on failure.
  */
 long GetComputerNameDns(std::string& out);
 
 /**
  * @brief Flushes the resolver cache through dnsapi.dll. 0x80000187 when the library does not
- * load, 0x80000114 when the entry point is missing (always so on POSIX: no cache to flush),
- * 0x80000000 when the flush reports failure.
+ * load, 0x80000114 when the entry point is missing, 0x80000000 when the flush reports failure.
+ * On POSIX the caching services' tools found on PATH are run ("resolvectl flush-caches",
+ * "nscd -i hosts"), each for at most a few seconds: 0 when one of them flushed, 0x80000000
+ * when all that are there failed, 0x80000114 when there is none.
  */
 long FlushDnsCache();
 
@@ -173,6 +177,14 @@ bool FileTimeToCalendar(uint64_t fileTime, bool local, CalendarTime& out);
 
 /** @brief localtime_s / localtime_r. */
 bool LocalTimeOf(std::time_t time, std::tm& out);
+
+#ifndef _WIN32
+/**
+ * @brief The canonical name of `host` from the resolver, waiting at most `limit`; false (and
+ * `name` untouched) without an answer in time.
+ */
+bool CanonicalHostName(const std::string& host, std::chrono::milliseconds limit, std::string& name);
+#endif
 
 }  // namespace detail
 

@@ -1,17 +1,30 @@
+#include <fcntl.h>
 #include <limits.h>
 #include <netdb.h>
+#include <signal.h>
+#include <spawn.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/types.h>
+#include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <mutex>
+#include <string_view>
+#include <thread>
+#include <vector>
 
 #include "common/KroStatus.h"
 #include "common/RegistryFile.h"
 #include "common/WinHelper.h"
+
+extern char** environ;  // the process's environment, handed on to the tools it runs
 
 namespace kro {
 
@@ -103,6 +116,74 @@ bool ToUnixTime(uint64_t fileTime, time_t& out) {
   }
   out = static_cast<time_t>(static_cast<int64_t>(fileTime / kTicksPerSecond) - kEpochDifference);
   return true;
+}
+
+// How long the computer's canonical name may take to resolve.
+constexpr std::chrono::milliseconds kNameLookupWait(2000);
+
+// How long one cache flush may take before it is given up (and its process killed).
+constexpr std::chrono::milliseconds kFlushWait(3000);
+
+/** @brief The tool as the shell would find it on PATH: the first executable regular file. */
+bool FindOnPath(std::string_view tool, std::string& found) {
+  const char* path = std::getenv("PATH");
+  std::string_view dirs = path != nullptr ? path : "";
+  while (!dirs.empty()) {
+    const size_t colon = dirs.find(':');
+    const std::string_view dir = dirs.substr(0, colon);
+    dirs = colon == std::string_view::npos ? std::string_view() : dirs.substr(colon + 1);
+    // An empty entry would mean the current folder, which is no place to run tools from.
+    if (dir.empty()) {
+      continue;
+    }
+    std::string candidate = std::string(dir) + '/' + std::string(tool);
+    struct stat info {};
+    if (stat(candidate.c_str(), &info) == 0 && S_ISREG(info.st_mode) &&
+        access(candidate.c_str(), X_OK) == 0) {
+      found = std::move(candidate);
+      return true;
+    }
+  }
+  return false;
+}
+
+/** @brief Runs a tool with no input or output; true when it exits with 0 within kFlushWait. */
+bool RunQuietly(const std::string& tool, std::vector<const char*> arguments) {
+  posix_spawn_file_actions_t actions;
+  if (posix_spawn_file_actions_init(&actions) != 0) {
+    return false;
+  }
+  for (const int fd : {0, 1, 2}) {
+    posix_spawn_file_actions_addopen(&actions, fd, "/dev/null", fd == 0 ? O_RDONLY : O_WRONLY, 0);
+  }
+  arguments.insert(arguments.begin(), tool.c_str());
+  arguments.push_back(nullptr);
+  pid_t child = 0;
+  const int spawned = posix_spawn(&child, tool.c_str(), &actions, nullptr,
+                                  const_cast<char* const*>(arguments.data()), environ);
+  posix_spawn_file_actions_destroy(&actions);
+  if (spawned != 0) {
+    return false;
+  }
+  const auto deadline = std::chrono::steady_clock::now() + kFlushWait;
+  int state = 0;
+  for (;;) {
+    const pid_t done = waitpid(child, &state, WNOHANG);
+    if (done == child) {
+      return WIFEXITED(state) && WEXITSTATUS(state) == 0;
+    }
+    if (done < 0 && errno != EINTR) {
+      return false;
+    }
+    if (std::chrono::steady_clock::now() >= deadline) {
+      // A resolver that does not answer must not hold up the agent's start.
+      kill(child, SIGKILL);
+      while (waitpid(child, &state, 0) < 0 && errno == EINTR) {
+      }
+      return false;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
 }
 
 std::wstring KeyOrDefault(std::wstring key) {
@@ -319,6 +400,74 @@ long GetHostExecutablePath(std::wstring& out) {
   return status::Ok;
 }
 
+namespace detail {
+
+bool CanonicalHostName(const std::string& host, std::chrono::milliseconds limit,
+                       std::string& name) {
+  // The C library finishes a lookup it has begun even when it is given up on, and writes into
+  // the request then: such a request is kept (never freed under it) and freed by a later
+  // call once it is over.
+  struct Lookup {
+    std::string host;
+    addrinfo hints{};
+    gaicb request{};
+    ~Lookup() {
+      if (request.ar_result != nullptr) {
+        freeaddrinfo(request.ar_result);
+      }
+    }
+  };
+  static std::mutex abandonedMutex;
+  static auto* abandoned = new std::vector<std::unique_ptr<Lookup>>();  // outlives every lookup
+  {
+    std::lock_guard<std::mutex> lock(abandonedMutex);
+    std::erase_if(*abandoned, [](const std::unique_ptr<Lookup>& old) {
+      return gai_error(&old->request) != EAI_INPROGRESS;
+    });
+  }
+  auto lookup = std::make_unique<Lookup>();
+  lookup->host = host;
+  lookup->hints.ai_family = AF_UNSPEC;
+  lookup->hints.ai_flags = AI_CANONNAME;
+  lookup->request.ar_name = lookup->host.c_str();
+  lookup->request.ar_request = &lookup->hints;
+  gaicb* requests[] = {&lookup->request};
+  if (getaddrinfo_a(GAI_NOWAIT, requests, 1, nullptr) != 0) {
+    return false;
+  }
+  const auto deadline = std::chrono::steady_clock::now() + limit;
+  int result = gai_error(&lookup->request);
+  while (result == EAI_INPROGRESS) {
+    const auto left = std::chrono::duration_cast<std::chrono::nanoseconds>(
+        deadline - std::chrono::steady_clock::now());
+    if (left.count() <= 0) {
+      break;
+    }
+    const timespec wait{static_cast<time_t>(left.count() / 1000000000),
+                        static_cast<long>(left.count() % 1000000000)};
+    gai_suspend(requests, 1, &wait);
+    result = gai_error(&lookup->request);
+  }
+  if (result == EAI_INPROGRESS && gai_cancel(&lookup->request) == EAI_NOTCANCELED) {
+    std::lock_guard<std::mutex> lock(abandonedMutex);
+    try {
+      abandoned->push_back(std::move(lookup));
+    } catch (...) {
+      lookup.release();  // lost rather than freed while the library still writes into it
+    }
+    return false;
+  }
+  const addrinfo* found = lookup->request.ar_result;
+  if (gai_error(&lookup->request) != 0 || found == nullptr || found->ai_canonname == nullptr ||
+      *found->ai_canonname == '\0') {
+    return false;
+  }
+  name = found->ai_canonname;
+  return true;
+}
+
+}  // namespace detail
+
 long GetComputerNameDns(std::string& out) {
   char host[HOST_NAME_MAX + 1] = {};
   if (gethostname(host, sizeof(host) - 1) != 0) {
@@ -326,17 +475,9 @@ long GetComputerNameDns(std::string& out) {
   }
   try {
     std::string name = host;
-    addrinfo hints{};
-    hints.ai_family = AF_UNSPEC;
-    hints.ai_flags = AI_CANONNAME;
-    addrinfo* list = nullptr;
-    // Without a resolvable name the plain host name is the best answer there is.
-    if (getaddrinfo(host, nullptr, &hints, &list) == 0) {
-      const std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> found(list, &freeaddrinfo);
-      if (found != nullptr && found->ai_canonname != nullptr && *found->ai_canonname != '\0') {
-        name = found->ai_canonname;
-      }
-    }
+    // A name server that does not answer would hold the report up for its time-outs and
+    // retries; without the canonical name in time, the plain host name is the answer.
+    detail::CanonicalHostName(host, kNameLookupWait, name);
     out = std::move(name);
     return status::Ok;
   } catch (...) {
@@ -345,8 +486,27 @@ long GetComputerNameDns(std::string& out) {
 }
 
 long FlushDnsCache() {
-  // The system resolver keeps no cache of its own to flush.
-  return status::NotAvailable;
+  // The C library's resolver keeps no cache; the caching services do, and each has its tool:
+  // systemd-resolved and nscd. Every one the system has is flushed.
+  struct Flusher {
+    const char* tool;
+    std::vector<const char*> arguments;
+  };
+  try {
+    const Flusher flushers[] = {{"resolvectl", {"flush-caches"}}, {"nscd", {"-i", "hosts"}}};
+    bool present = false;
+    bool flushed = false;
+    for (const Flusher& flusher : flushers) {
+      std::string tool;
+      if (FindOnPath(flusher.tool, tool)) {
+        present = true;
+        flushed = RunQuietly(tool, flusher.arguments) || flushed;
+      }
+    }
+    return flushed ? status::Ok : present ? status::Failure : status::NotAvailable;
+  } catch (...) {
+    return status::OutOfMemory;
+  }
 }
 
 }  // namespace kro

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <charconv>
-#include <chrono>
 #include <cstring>
 #include <limits>
 #include <new>
@@ -30,10 +29,6 @@ constexpr const char* kDialHomePath = "/KRO/Server/DialHome";
 constexpr const char* kUserAgent = "KroAgent/1.2";
 constexpr uint32_t kStartupDelayMs = 30000;
 constexpr uint64_t kMinuteMs = 60000;
-// However little of the connection budget is left, an attempt gets this long (or the whole
-// connect time-out, if shorter): a TLS handshake to a distant, busy server needs it, and the
-// budget is overrun by at most this much.
-constexpr uint32_t kMinAttemptMs = 5000;
 // The alerts of one report take at most this much of its message buffer; the inventory needs
 // a few KiB. A longer queue goes in several reports, one right after the other.
 constexpr size_t kAlertBudget = kMessageBufferSize / 2;
@@ -443,30 +438,19 @@ long DialHome::BuildPayload(Exchange& exchange, DialHomeType type,
 }
 
 long DialHome::ConnectWithRetry(Exchange& exchange) {
-  using Clock = std::chrono::steady_clock;
   const DialHomeWaits& waits = exchange.waits;
-  const Clock::time_point start = Clock::now();
-  const auto elapsedMs = [start] {
-    return static_cast<uint64_t>(
-        std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count());
-  };
-  // The time spent in attempts counts against the budget too, so a server that swallows
-  // connections cannot stretch it by a connect time-out per attempt.
+  exchange.client.SetTimeouts(waits.connectTimeoutMs, waits.requestTimeoutMs);
+  // The budget counts the pauses between attempts, not the attempts themselves: a server
+  // whose network drops the packets gets as many attempts as one that refuses at once.
+  uint64_t waited = 0;
   for (;;) {
     KRO_LOG_INFO << "Trying connect to dial home server";
-    const uint64_t elapsed = elapsedMs();
-    uint32_t attemptMs = waits.connectTimeoutMs;
-    if (elapsed < waits.connectBudgetMs) {
-      const uint32_t remaining = static_cast<uint32_t>(waits.connectBudgetMs - elapsed);
-      attemptMs = std::min(attemptMs, std::max(remaining, kMinAttemptMs));
-    }
-    exchange.client.SetTimeouts(attemptMs, waits.requestTimeoutMs);
-    const long st = exchange.client.Connect();
-    if (st == status::Ok) {
+    if (exchange.client.Connect() == status::Ok) {
       return status::Ok;
     }
     KRO_LOG_ERROR << "Connect to dial home server failed: " << exchange.client.LastError();
-    if (elapsedMs() >= waits.connectBudgetMs) {
+    // Without a pause the budget would never be used up.
+    if (waited >= waits.connectBudgetMs || waits.connectIntervalMs == 0) {
       return status::ConnectExhausted;
     }
     if (nvthreads_thread_sleep(nvthreads_workitem_query_threadctx(), waits.connectIntervalMs) !=
@@ -474,6 +458,7 @@ long DialHome::ConnectWithRetry(Exchange& exchange) {
       // The agent is shutting down; it will not wait for the rest of the budget.
       return status::ConnectExhausted;
     }
+    waited += waits.connectIntervalMs;
   }
 }
 

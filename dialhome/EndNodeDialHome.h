@@ -35,8 +35,8 @@ uint32_t NextRetryDelay(uint32_t current, const DialHomeSchedule& schedule);
 
 /** @brief How long one report may wait on the network, in milliseconds. */
 struct DialHomeWaits {
-  uint32_t connectBudgetMs = 60000;    // keep retrying the connection this long
-  uint32_t connectIntervalMs = 10000;  // between two attempts
+  uint32_t connectBudgetMs = 60000;    // pauses between attempts add up to this at most
+  uint32_t connectIntervalMs = 10000;  // one pause between two attempts
   uint32_t connectTimeoutMs = 10000;   // one attempt: resolve, TCP, TLS handshake
   uint32_t requestTimeoutMs = 60000;   // one request and its whole answer
 };

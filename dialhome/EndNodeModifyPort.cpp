@@ -2,7 +2,6 @@
 
 #include <cstring>
 #include <functional>
-#include <limits>
 #include <locale>
 #include <memory>
 #include <new>
@@ -20,30 +19,20 @@ constexpr const char* kRoutineName = "ModifyCommunicationPort";
 constexpr const char* kUnavailableMessage = "The port is unavailable at the target system";
 
 /**
- * @brief Converts a whole text to an unsigned number of type T, as stream extraction reads it.
- *
- * Extraction into an unsigned type takes "-1" as its maximum and, for the narrow types, a value
- * beyond the type's range is not always refused; both would turn a bad request into some other
- * port. So a sign is refused, the number is read 64 bits wide and its range checked here. Text
- * after the number ("8443abc", "1e5") means the request did not hold a plain number.
+ * @brief Stream extraction of an unsigned number, as the server's requests have always been
+ * read: leading blanks and a sign are taken, reading stops at the first other character
+ * ("8443abc" is 8443), a minus wraps ("-1" is the type's largest value) and a magnitude beyond
+ * the type fails. `value` changes only on success.
  */
 template <typename T>
 bool ExtractUnsigned(const std::string& text, T& value) {
   std::istringstream in(text);
   in.imbue(std::locale::classic());
-  in >> std::ws;
-  if (in.peek() == '-') {
+  T read = 0;
+  if (!(in >> read)) {
     return false;
   }
-  uint64_t wide = 0;
-  if (!(in >> wide) || wide > std::numeric_limits<T>::max()) {
-    return false;
-  }
-  in >> std::ws;
-  if (!in.eof()) {
-    return false;
-  }
-  value = static_cast<T>(wide);
+  value = read;
   return true;
 }
 
@@ -123,10 +112,7 @@ long EndNodeModifyPort::ModifyCommunicationPort(const char* request, size_t requ
       // The system id is read first so that a reply to a request with a bad port still tells
       // the server which of its systems refused.
       if (root != nullptr && root->IsObject() && ReadMember(*root, "systemId", systemId) &&
-          ReadMember(*root, "port", port) &&
-          // Port 0 binds to whatever the system picks, and 0 in the pending port means "no
-          // request"; neither is a port to move to.
-          port != 0 && TestPortAvailable(port) == status::Ok) {
+          ReadMember(*root, "port", port) && TestPortAvailable(port) == status::Ok) {
         pendingPort_.store(port);
         success = true;
       }

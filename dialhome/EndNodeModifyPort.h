@@ -39,7 +39,8 @@ class EndNodeModifyPort {
 
   /**
    * @brief The routine. The request is {"systemId":"<number>","port":"<number>"} (numbers may
-   * also be JSON numbers); the reply says "success" or "error" and echoes the system id.
+   * also be JSON numbers), each read by stream extraction as a 64-bit and a 16-bit unsigned
+   * number; the reply says "success" or "error" and echoes the system id.
    *
    * A bad request and an unavailable port alike give the error reply, and the call still
    * succeeds: the status is that of handing the reply back (0x80000030 when its buffer cannot

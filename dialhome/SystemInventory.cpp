@@ -289,6 +289,24 @@ uint32_t PackWindowsVersion(uint32_t major, uint32_t minor, uint32_t build) {
   return (((major << 8) | minor) << 16) | build;
 }
 
+uint32_t PackLinuxVersion(std::string_view release) {
+  uint32_t parts[3] = {0, 0, 0};
+  size_t pos = 0;
+  for (uint32_t& part : parts) {
+    const size_t start = pos;
+    // Only the low bits are kept, so wrapping on absurdly long numbers changes nothing.
+    for (; pos < release.size() && release[pos] >= '0' && release[pos] <= '9'; ++pos) {
+      part = part * 10 + static_cast<uint32_t>(release[pos] - '0');
+    }
+    if (pos == start || pos >= release.size() || release[pos] != '.') {
+      break;
+    }
+    ++pos;
+  }
+  return kLinuxVersionFlag | ((parts[0] & 0x7F) << 24) | ((parts[1] & 0xFF) << 16) |
+         (parts[2] & 0xFFFF);
+}
+
 // ---- SystemInventory ---------------------------------------------------------------------------
 
 long SystemInventory::ResetInventory() {

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "agent/KroAgentTypes.h"
@@ -62,6 +63,21 @@ long PackProductVersion(const std::wstring& text, uint32_t& packed);
 
 /** @brief ((major << 8 | minor) << 16) | build; the build is deliberately not masked. */
 uint32_t PackWindowsVersion(uint32_t major, uint32_t minor, uint32_t build);
+
+/**
+ * @brief "WindowsType" of a Linux machine: none of Windows' product types (1 workstation,
+ * 2 domain controller, 3 server), so the server never takes it for Windows.
+ */
+inline constexpr uint32_t kLinuxProductType = 0x100;
+
+/** @brief The top bit of "WindowsVersion" marks a Linux kernel: no Windows major version has it. */
+inline constexpr uint32_t kLinuxVersionFlag = 0x80000000;
+
+/**
+ * @brief A kernel release such as "6.1.0-18-amd64" as "WindowsVersion": kLinuxVersionFlag |
+ * (major & 0x7F) << 24 | (minor & 0xFF) << 16 | (patch & 0xFFFF). Missing parts count as 0.
+ */
+uint32_t PackLinuxVersion(std::string_view release);
 
 /**
  * @brief What the agent reports about its machine, the agent and the product.

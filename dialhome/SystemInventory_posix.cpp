@@ -1,5 +1,6 @@
-// The System group on Linux, with the meaning the Windows fields have: the kernel stands in
-// for the Windows version, /etc/os-release for the edition, sysfs for the processor list.
+// The System group on Linux, with the meaning the Windows fields have where Linux has one:
+// sysfs gives the processor list, /etc/os-release the edition. The version and type fields
+// say Linux in values that no Windows machine reports (SystemInventory.h).
 
 #include <sys/utsname.h>
 #include <unistd.h>
@@ -32,9 +33,6 @@ constexpr uint16_t kArchitectureX86 = 0;
 constexpr uint16_t kArchitectureX64 = 9;
 constexpr uint16_t kArchitectureArm64 = 12;
 constexpr uint16_t kArchitectureUnknown = 0xFFFF;
-
-// wProductType: a Linux machine is reported as a workstation.
-constexpr uint32_t kWorkstation = 1;
 
 const char kCpuRoot[] = "/sys/devices/system/cpu/";
 // Far above any machine's count; keeps a corrupt range from running for ages.
@@ -193,20 +191,6 @@ uint16_t ArchitectureOf(const std::string& machine) {
   return kArchitectureUnknown;
 }
 
-/** @brief "6.1.0-18-amd64" as 6, 1, 0, packed as a Windows major, minor and build. */
-uint32_t PackKernelRelease(const std::string& release) {
-  unsigned long parts[3] = {0, 0, 0};
-  size_t pos = 0;
-  for (unsigned long& part : parts) {
-    if (!ParseNumber(release, pos, part) || pos >= release.size() || release[pos] != '.') {
-      break;
-    }
-    ++pos;
-  }
-  return PackWindowsVersion(static_cast<uint32_t>(parts[0]), static_cast<uint32_t>(parts[1]),
-                            static_cast<uint32_t>(parts[2]));
-}
-
 /** @brief PRETTY_NAME of os-release without its quotes; empty when there is none. */
 std::wstring OsPrettyName() {
   for (const char* file : {"/etc/os-release", "/usr/lib/os-release"}) {
@@ -288,8 +272,8 @@ long GatherPlatformSystemInfo(SystemInventory& inventory) {
     inventory.processorCores = counts.cores;
     inventory.processorThreads = counts.threads;
 
-    inventory.windowsVersion = PackKernelRelease(names.release);
-    inventory.windowsType = kWorkstation;
+    inventory.windowsVersion = PackLinuxVersion(names.release);
+    inventory.windowsType = kLinuxProductType;
     inventory.windowsProductName = OsPrettyName();
 
     return ReadMemory(inventory.totalMemory, inventory.availableMemory);

@@ -46,7 +46,9 @@ REPORT_TYPES = {1: "startup", 2: "periodic", 3: "request"}
 SYSTEM_TYPES = {0: "undetected", 1: "physical", 2: "virtual (unknown hypervisor)",
                 3: "Hyper-V guest", 4: "VMware guest", 5: "Xen guest", 6: "KVM guest"}
 ARCHITECTURES = {0: "x86", 5: "ARM", 6: "IA-64", 9: "x64", 12: "Arm64", 0xFFFF: "unknown"}
-WINDOWS_TYPES = {1: "workstation", 2: "domain controller", 3: "server"}
+WINDOWS_TYPES = {1: "workstation", 2: "domain controller", 3: "server", 0x100: "Linux"}
+# A Linux agent marks its kernel version with the top bit, which no Windows version has.
+LINUX_VERSION_FLAG = 0x80000000
 # Windows file times count 100 ns intervals from 1601-01-01 UTC.
 FILETIME_EPOCH = datetime.datetime(1601, 1, 1, tzinfo=datetime.timezone.utc)
 
@@ -125,6 +127,13 @@ def unpack_version(value):
     return f"{v >> 24}.{(v >> 16) & 0xFF}.{(v >> 4) & 0xFFF}.{v & 0xF}"
 
 
+def os_version(value):
+    v = as_int(value, 0)
+    if v & LINUX_VERSION_FLAG:
+        return f"kernel {(v >> 24) & 0x7F}.{(v >> 16) & 0xFF}.{v & 0xFFFF}"
+    return f"{v >> 24}.{(v >> 16) & 0xFF} build {v & 0xFFFF}"
+
+
 def gib(value):
     number = as_int(value)
     return "?" if number is None else f"{number / 2**30:.1f} GiB"
@@ -148,7 +157,6 @@ def describe(report):
     lines = [f"dial-home report, type {named(REPORT_TYPES, general.get('Type'))}, "
              f"code {general.get('Code')}, sent {report_time(general)}"]
     if system:
-        version = as_int(system.get("WindowsVersion"), 0)
         lines += [
             f"  system name      {system.get('SystemName', '')}",
             f"  new system name  {system.get('NewSystemName') or '-'}",
@@ -157,7 +165,7 @@ def describe(report):
             f"  processors       {system.get('ProcessorPackages')} package(s), "
             f"{system.get('ProcessorCores')} core(s), {system.get('ProcessorThreads')} thread(s)",
             f"  OS               {system.get('WindowsProductName', '')} "
-            f"{version >> 24}.{(version >> 16) & 0xFF} build {version & 0xFFFF}, "
+            f"{os_version(system.get('WindowsVersion'))}, "
             f"{named(WINDOWS_TYPES, system.get('WindowsType'))}",
             f"  memory           {gib(system.get('TotalMemory'))} total, "
             f"{gib(system.get('AvailableMemory'))} available",

@@ -80,16 +80,16 @@ long KroServer::Init(const std::vector<ServerEndpoint>& endpoints, KroAgent::Rou
   try {
     SetState(kServerInitialised);
     sessionOption_ = sessionOption;
+    // A certificate path that cannot be built costs the TLS port its certificate, not the
+    // server: the plain ports still serve. Only the ports and the pool decide.
     if (const long st = SetCertificatePath(certificateFile); st != status::Ok) {
-      return st;
+      KRO_LOG_ERROR << "KroServer::Init - no certificate path: " << Hex(st);
     }
     componentName_ = componentName;
     if (const long st = BuildListeningPorts(endpoints); st != status::Ok) {
       return st;
     }
-    if (const long st = RegisterRoutines(routines); st != status::Ok) {
-      return st;
-    }
+    RegisterRoutines(routines);
     std::snprintf(poolName_, sizeof(poolName_), "%s%s", "ServerPool", componentName_.c_str());
     std::snprintf(threadName_, sizeof(threadName_), "%s%s", "ServerThread", componentName_.c_str());
     const uint32_t st = nvthreads_pool_init(poolName_);
@@ -116,6 +116,7 @@ long KroServer::Start() {
   {
     std::lock_guard<std::mutex> guard(lock_);
     startOver_ = false;
+    pollLoopEnded_ = false;
   }
   long st = status::Code(nvthreads_thread_create(poolName_, threadName_, ServerThreadInit,
                                                  ServerThreadCleanup, 0, this));
@@ -128,6 +129,8 @@ long KroServer::Start() {
                                            nullptr, nullptr, PollRoutine, this));
   if (status::Failed(st)) {
     KRO_LOG_ERROR << "KroServer::Start - Error creating workitem: " << Hex(st);
+    // No poll loop will run: a port change must not wait for one.
+    EndPollLoop();
   }
   return st;
 }
@@ -135,18 +138,22 @@ long KroServer::Start() {
 long KroServer::ChangePorts(const std::vector<ServerEndpoint>& endpoints) {
   try {
     std::unique_lock<std::mutex> guard(lock_);
-    // A loop that has ended (a failed restart) would never answer the request.
-    if (GetState() != kServerRunning || !pollLoopRunning_) {
+    if (GetState() != kServerRunning) {
       return status::WinNotRunning;
     }
     if (const long st = FormatListeningPorts(endpoints, listeningPorts_, hasTlsPort_);
         st != status::Ok) {
       return st;
     }
+    // A failed restart ended the poll loop (the state stays running): no one is left to
+    // restart, and waiting would block the caller for good.
+    if (pollLoopEnded_) {
+      return status::Ok;
+    }
     restartPending_ = 1;
     // The polls up to the restart check then run without waiting.
     SetIdleWait(0);
-    restarted_.wait(guard, [this] { return restartPending_ == 0 || !pollLoopRunning_; });
+    restarted_.wait(guard, [this] { return restartPending_ == 0 || pollLoopEnded_; });
     return status::Ok;
   } catch (...) {
     return status::Failure;
@@ -190,7 +197,7 @@ long KroServer::SetCertificatePath(const std::wstring& fileName) {
       return status::Ok;
     }
     std::wstring executable;
-    if (const long st = GetHostExecutablePath(executable); st != status::Ok) {
+    if (const long st = HostExecutablePath(executable); st != status::Ok) {
       return st;
     }
     const size_t folderEnd = executable.find_last_of(L"\\/");
@@ -200,6 +207,10 @@ long KroServer::SetCertificatePath(const std::wstring& fileName) {
   } catch (...) {
     return status::OutOfMemory;
   }
+}
+
+long KroServer::HostExecutablePath(std::wstring& out) const {
+  return GetHostExecutablePath(out);
 }
 
 long KroServer::StartListening() {
@@ -256,7 +267,6 @@ long KroServer::StartServerThread() {
       return status::ServerNotStarted;
     }
     std::lock_guard<std::mutex> guard(lock_);
-    pollLoopRunning_ = true;
     SetIdleWait(kIdlePollWaitMs);
     return status::Ok;
   } catch (...) {
@@ -325,7 +335,7 @@ long KroServer::RunPollLoop() {
 void KroServer::EndPollLoop() {
   {
     std::lock_guard<std::mutex> guard(lock_);
-    pollLoopRunning_ = false;
+    pollLoopEnded_ = true;
     restartPending_ = 0;
   }
   restarted_.notify_all();

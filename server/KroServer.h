@@ -41,7 +41,8 @@ class KroServer : public hlp::HttpServer {
   /**
    * @brief Prepares the server: certificate path, component name, listening ports, its
    * routines, pool and thread names; creates its pool. 0x80000114 when the endpoints yield no
-   * port, 0x80000188 for an empty certificate path, else what creating the pool returns.
+   * port, else what creating the pool returns. A certificate path that cannot be built is
+   * logged and left empty; set-up goes on.
    */
   long Init(const std::vector<ServerEndpoint>& endpoints, KroAgent::RoutineTable* routines,
             const std::wstring& certificateFile, const std::string& componentName,
@@ -62,7 +63,9 @@ class KroServer : public hlp::HttpServer {
 
   /**
    * @brief Moves the server to other ports and returns once the poll thread restarted it.
-   * 12 at once when the server is not running; 0x80000114 when the endpoints yield no port.
+   * 12 at once, changing nothing, when the server is not running; 0x80000114 when the
+   * endpoints yield no port; else 0, whatever the restart's outcome. After a restart that
+   * failed the poll loop is over: the ports are taken and 0 returned without waiting.
    */
   long ChangePorts(const std::vector<ServerEndpoint>& endpoints);
   long ChangePorts(uint16_t port, bool tls);
@@ -118,8 +121,11 @@ class KroServer : public hlp::HttpServer {
   /** @brief The result of the last StartListening. */
   long StartResult() const { return startResult_; }
 
+ protected:
+  /** @brief Where the certificate path starts: the host executable's path. */
+  virtual long HostExecutablePath(std::wstring& out) const;
+
  private:
-  long ChangePortsLocked(const std::vector<ServerEndpoint>& endpoints);
   long StartServerThread();
   void MarkStarted();
   long RunPollLoop();
@@ -142,7 +148,8 @@ class KroServer : public hlp::HttpServer {
   mutable std::mutex lock_;
   std::condition_variable restarted_;
   uint8_t restartPending_ = 0;
-  bool pollLoopRunning_ = false;
+  // Set when the poll loop returns (a failed restart, a stop); cleared by Start.
+  bool pollLoopEnded_ = false;
   // Set once the server thread's start is over, whatever its outcome.
   std::condition_variable started_;
   bool startOver_ = true;

@@ -214,18 +214,14 @@ TEST_F(InstalledProductsTests, PathsAndVersionsFromTheProductFolder) {
       std::filesystem::path(std::getenv("SystemRoot")) / "regedit.exe";
 #else
   const std::string absolute = "/opt/products/tool";
-  const std::filesystem::path executable = "/bin/true";
+  const std::filesystem::path executable = KRO_STAMPED_MODULE;  // carries its version note
 #endif
   std::filesystem::create_directories(dir_.Path() / "app");
   std::filesystem::copy_file(executable, dir_.Path() / "app" / "tool.exe");
   std::string fileVersion;
   ASSERT_EQ(detail::ReadFileVersion(Utf8(dir_.Path() / "app" / "tool.exe"), fileVersion),
             status::Ok);
-#ifdef _WIN32
-  EXPECT_FALSE(fileVersion.empty());  // Windows' own tools name their version
-#else
-  EXPECT_TRUE(fileVersion.empty());
-#endif
+  EXPECT_FALSE(fileVersion.empty());  // Windows' own tools name their version, as ours do
   // A text such as "10.0.19041.1 (WinBuild.160101.0800)" is no version to record.
   uint32_t packed = 0;
   const std::string expectedVersion =
@@ -250,6 +246,50 @@ TEST_F(InstalledProductsTests, PathsAndVersionsFromTheProductFolder) {
   EXPECT_EQ(Products().ReloadProducts(), status::Ok);
   EXPECT_EQ(Ids(), (std::vector<uint16_t>{2, 3, 4}));
 }
+
+#ifndef _WIN32
+TEST_F(InstalledProductsTests, VersionNoteIsReadWhereThereIsOneAndSafelyWhereNot) {
+  const std::string module = kro::test::ReadFile(KRO_STAMPED_MODULE);
+  ASSERT_GT(module.size(), 4096u);
+  const size_t note =
+      module.find(std::string("KroAgent\0\0\0\0"
+                              "7.0.222.0",
+                              21));
+  ASSERT_NE(note, std::string::npos);
+  // A copy of the module with its bytes at `at` replaced.
+  const auto patched = [&module](size_t at, const std::string& bytes) {
+    return module.substr(0, at) + bytes + module.substr(at + bytes.size());
+  };
+  struct Case {
+    const char* name;
+    std::string content;  // empty: the file named by `path`
+    std::string path;
+    long status;
+    const char* version;
+  };
+  const Case cases[] = {
+      {"stamped module", "", KRO_STAMPED_MODULE, status::Ok, "7.0.222.0"},
+      {"stamped host", "", KRO_STAMPED_HOST, status::Ok, "7.0.222.0"},
+      {"other notes only", "", "/bin/true", status::NotFound, ""},
+      {"missing", "", "/nonexistent/tool", status::FileOpenFailed, ""},
+      {"not ELF", "#!/bin/sh\nexit 0\n", "", status::MalformedData, ""},
+      {"cut after the header", module.substr(0, 64), "", status::MalformedData, ""},
+      {"section table beyond the end", patched(0x28, std::string("\0\0\0\0\0\0\0\x7F", 8)), "",
+       status::MalformedData, ""},
+      // The note's data size runs past its section: the note is skipped, not read beyond.
+      {"data size beyond the section", patched(note - 8, std::string("\xFF\xFF\0\0", 4)), "",
+       status::NotFound, ""},
+      {"another owner", patched(note, "KroAgenT"), "", status::NotFound, ""},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    const std::string file = c.content.empty() ? c.path : Utf8(dir_.Write("tool.exe", c.content));
+    std::string version = "stale";
+    EXPECT_EQ(detail::ReadFileVersion(file, version), c.status);
+    EXPECT_EQ(version, c.version);
+  }
+}
+#endif
 
 TEST_F(InstalledProductsTests, DefaultKestaFolderIsTheExecutablesGrandparent) {
   std::wstring exe;

@@ -377,6 +377,25 @@ TEST_F(DialHomeTests, SilentOrAbsentServerFailsWithinTheBudget) {
   EXPECT_EQ(standIn_.Requests().size(), 1u);
 }
 
+TEST_F(DialHomeTests, DroppedConnectionsGetEveryAttemptTheSettingsAllow) {
+  // Each attempt waits out its whole time-out (no TLS handshake ever answers); only the
+  // pauses between attempts count against the budget: budget / interval + 1 attempts.
+  struct Case {
+    uint32_t budgetMs;
+    uint32_t intervalMs;
+    int attempts;
+  };
+  const Case cases[] = {{600, 100, 7}, {250, 100, 4}, {0, 100, 1}, {600, 0, 1}};
+  for (const Case& row : cases) {
+    SCOPED_TRACE(std::to_string(row.budgetMs) + " / " + std::to_string(row.intervalMs));
+    test::SilentHome home;
+    Enrol(home.Port(), "Y");
+    dialHome_.SetConnectionWaits({row.budgetMs, row.intervalMs, 100, 2000});
+    EXPECT_EQ(dialHome_.Run(startup), status::ConnectExhausted);
+    EXPECT_EQ(home.Connections(), row.attempts);
+  }
+}
+
 TEST_F(DialHomeTests, OnlyUppercaseYMeansTls) {
   const test::TestCertificate server =
       test::IssueCertificate("localhost", "DNS:localhost,IP:127.0.0.1");
@@ -385,6 +404,8 @@ TEST_F(DialHomeTests, OnlyUppercaseYMeansTls) {
   hlp::SSLContext tls;
   ASSERT_EQ(tls.UseCertificate(pemFile), status::Ok);
   StandIn secure(&tls);
+  // One attempt each: a refused handshake is not retried into the next row's time.
+  dialHome_.SetConnectionWaits({0, 100, 2000, 2000});
   struct Case {
     const char* ssl;
     uint16_t port;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -7,11 +8,14 @@
 #include <functional>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
 
-#include "dialhome/DialHomeFrame.h"
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
+
 #include "hlp/HttpServerConnection.h"
 #include "hlp/RequestInfo.h"
 #include "hlp/SSLContext.h"
@@ -33,14 +37,17 @@ inline std::string Reply(const std::string& json) {
 }
 
 /**
- * @brief The request record's JSON; a test failure unless the record is byte for byte the
- * framing of that JSON (whose layout DialHomeFrameTests pin down).
+ * @brief The request record's JSON; a test failure unless the record is, byte for byte, the
+ * header of five little-endian words (total, 0, 9, 0, payload size with its zero), the name
+ * "DialHome" with its zero, and the JSON with its zero.
  */
 inline std::string UnframeRequest(const std::string& body) {
-  const std::string json = body.size() > 29 ? body.substr(29, body.size() - 30) : "";
-  std::string framed;
-  EXPECT_EQ(BuildRequestRecord(json, framed), 0);
-  EXPECT_TRUE(body == framed) << "malformed request record of " << body.size() << " bytes";
+  const std::string json = body.size() > 30 ? body.substr(29, body.size() - 30) : "";
+  const std::string expected = Le32(static_cast<uint32_t>(29 + json.size() + 1)) + Le32(0) +
+                               Le32(9) + Le32(0) + Le32(static_cast<uint32_t>(json.size() + 1)) +
+                               std::string("DialHome\0", 9) + json + std::string(1, '\0');
+  EXPECT_TRUE(body == expected) << "malformed request record of " << body.size() << " bytes";
+  EXPECT_EQ(json.find('\0'), std::string::npos);
   return json;
 }
 
@@ -113,6 +120,42 @@ class StandIn {
   std::function<void()> during_;
   std::vector<Seen> seen_;
   LiveServer server_;  // last: stops before the state its workers use goes away
+};
+
+/**
+ * @brief A management server whose network swallows everything: it takes each connection
+ * and never sends a byte, so a TLS handshake waits until its time-out. Counts connections.
+ */
+class SilentHome {
+ public:
+  SilentHome() : acceptor_(io_, {boost::asio::ip::address_v4::loopback(), 0}) {
+    Accept();
+    thread_ = std::thread([this] { io_.run(); });
+  }
+  ~SilentHome() {
+    io_.stop();
+    thread_.join();
+  }
+
+  uint16_t Port() const { return acceptor_.local_endpoint().port(); }
+  int Connections() const { return connections_.load(); }
+
+ private:
+  void Accept() {
+    acceptor_.async_accept([this](boost::system::error_code ec, boost::asio::ip::tcp::socket s) {
+      if (!ec) {
+        ++connections_;
+        held_.push_back(std::move(s));
+        Accept();
+      }
+    });
+  }
+
+  boost::asio::io_context io_;
+  boost::asio::ip::tcp::acceptor acceptor_;
+  std::vector<boost::asio::ip::tcp::socket> held_;  // only the io thread touches it
+  std::atomic<int> connections_{0};
+  std::thread thread_;
 };
 
 }  // namespace kro::test

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <map>
 #include <sstream>
 #include <string>
@@ -80,6 +81,27 @@ TEST_F(SystemInventoryTests, WindowsVersionKeepsTheWholeBuild) {
   EXPECT_EQ(PackWindowsVersion(10, 0, 19045), 0x0A004A65u);
   EXPECT_EQ(PackWindowsVersion(6, 1, 7601), 0x06011DB1u);
   EXPECT_EQ(PackWindowsVersion(6, 3, 0x12345), 0x06032345u);  // ORed in, not masked
+}
+
+TEST_F(SystemInventoryTests, LinuxVersionCannotBeTakenForWindows) {
+  struct Case {
+    const char* release;
+    uint32_t packed;
+  };
+  const Case cases[] = {
+      {"6.1.0-18-amd64", 0x86010000},
+      {"6.18.44-fc-v769", 0x8612002C},
+      {"5.15.153.1-microsoft-standard-WSL2", 0x850F0099},
+      {"4.9.337", 0x84090151},
+      {"6.8", 0x86080000},
+      {"300.300.70000", 0xAC2C1170},  // each part keeps its low bits
+      {"", 0x80000000},
+      {"x.1", 0x80000000},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.release);
+    EXPECT_EQ(PackLinuxVersion(c.release), c.packed);
+  }
 }
 
 TEST_F(SystemInventoryTests, HypervisorClassification) {
@@ -261,15 +283,29 @@ TEST_F(SystemInventoryTests, GatheredSystemValuesAreSane) {
   ASSERT_EQ(inventory_.Gather(SystemInventory::kSystem), status::Ok);
   EXPECT_EQ(inventory_.flags, SystemInventory::kSystem);
   EXPECT_FALSE(inventory_.systemName.empty());
-  EXPECT_NE(inventory_.systemType, KroAgent::Undetected);
-  EXPECT_LE(static_cast<uint32_t>(inventory_.systemType), 6u);
+  if (test::HypervisorPresent()) {
+    EXPECT_GE(inventory_.systemType, KroAgent::Virtual);
+    EXPECT_LE(inventory_.systemType, KroAgent::KVM);
+  } else {
+    EXPECT_EQ(inventory_.systemType, KroAgent::Physical);
+  }
   EXPECT_GE(inventory_.processorPackages, 1u);
   EXPECT_GE(inventory_.processorCores, inventory_.processorPackages);
   EXPECT_GE(inventory_.processorThreads, inventory_.processorCores);
   EXPECT_GT(inventory_.availableMemory, 0u);
   EXPECT_GE(inventory_.totalMemory, inventory_.availableMemory);
-  EXPECT_GE(inventory_.windowsVersion >> 24, 1u);
-  EXPECT_GE(inventory_.windowsType, 1u);
+#ifdef _WIN32
+  EXPECT_EQ(inventory_.windowsVersion & kLinuxVersionFlag, 0u);
+  EXPECT_GE(inventory_.windowsVersion >> 24, 5u);  // no Windows before XP runs the agent
+  EXPECT_TRUE(inventory_.windowsType >= 1 && inventory_.windowsType <= 3);
+#else
+  // The kernel's version as the system gives it, outside the agent.
+  unsigned major = 0, minor = 0, patch = 0;
+  const std::string release = test::ReadFile("/proc/sys/kernel/osrelease");
+  ASSERT_GE(std::sscanf(release.c_str(), "%u.%u.%u", &major, &minor, &patch), 2);
+  EXPECT_EQ(inventory_.windowsVersion, 0x80000000u | (major << 24) | (minor << 16) | patch);
+  EXPECT_EQ(inventory_.windowsType, 0x100u);
+#endif
 #if defined(__x86_64__)
   EXPECT_EQ(inventory_.systemArchitecture, 9);
 #endif

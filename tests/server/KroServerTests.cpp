@@ -93,6 +93,36 @@ TEST_F(KroServerTests, InitNamesPoolThreadAndCertificateAndPortChangeWaitsForRun
   EXPECT_TRUE(other.CertificatePath().empty());
 }
 
+// A host whose executable path cannot be read: too long, or gone.
+class PathlessServer : public KroServer {
+ public:
+  explicit PathlessServer(long failure) : failure_(failure) {}
+
+ protected:
+  long HostExecutablePath(std::wstring&) const override { return failure_; }
+
+ private:
+  long failure_;
+};
+
+TEST_F(KroServerTests, WithoutACertificatePathTheServerStillStartsAndListens) {
+  for (const long failure : {status::OutOfRange, status::FromWin32(2)}) {
+    SCOPED_TRACE(status::Bits(failure));
+    PathlessServer server(failure);
+    EXPECT_EQ(server.SetCertificatePath(L"ssl_cert.pem"), failure);
+    const uint16_t port = test::FreeTcpPort();
+    ASSERT_EQ(server.Init({{port, false}}, &routines_, L"ssl_cert.pem", "KroAgent", 0), status::Ok);
+    EXPECT_TRUE(server.CertificatePath().empty());
+    EXPECT_STREQ(server.PoolName(), "ServerPoolKroAgent");
+    EXPECT_EQ(server.ListeningPorts(), std::to_string(port));
+    EXPECT_EQ(Call("Authentication").second, "KroAgent/1.2");
+    ASSERT_EQ(server.Start(), status::Ok);
+    ASSERT_TRUE(server.WaitForStart(std::chrono::seconds(10)));
+    EXPECT_EQ(server.GetState(), kServerRunning) << status::Bits(server.StartResult());
+    server.Shutdown();
+  }
+}
+
 TEST_F(KroServerTests, HeartbeatRecordsTimeWhereTheKeyExistsAndAnswersStatusPage) {
   ASSERT_EQ(server_->Init({{4800, true}, {4801, false}}, &routines_, L"", "KroAgent", 0),
             status::Ok);

@@ -206,7 +206,7 @@ TEST_F(LiveServerTests, ConsoleServerPagesNeedASessionHoweverTheyAreSpelled) {
             "login page");
 }
 
-TEST_F(LiveServerTests, PortChangeMovesTheListener) {
+TEST_F(LiveServerTests, PortChangeMovesTheListenerAndAFailedRestartStillTakesThePort) {
   StartServer({{port_, false}});
   const uint16_t next = kro::test::FreeTcpPort();
   ASSERT_NE(next, port_);
@@ -218,6 +218,26 @@ TEST_F(LiveServerTests, PortChangeMovesTheListener) {
   EXPECT_EQ(SendRaw(next, MakeRequest("GET", "/", "")).Status(), 200);
   EXPECT_FALSE(
       SendRaw(port_, MakeRequest("GET", "/", ""), false, std::chrono::seconds(2)).Status() == 200);
+
+  // A port someone else holds: the restart fails and ends the poll loop. That change and any
+  // later one alike take the port and answer 0 at once, as long as the server counts as running.
+  boost::asio::io_context io;
+  const uint16_t held = kro::test::FreeTcpPort();
+  boost::asio::ip::tcp::acceptor taken(io, {boost::asio::ip::tcp::v4(), held}, false);
+  struct Case {
+    const char* path;
+    uint16_t port;
+  };
+  const Case cases[] = {{"the restart fails", held},
+                        {"after the failed restart", kro::test::FreeTcpPort()}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.path);
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(server_->ChangePorts(c.port, false), status::Ok);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
+    EXPECT_EQ(server_->ListeningPorts(), std::to_string(c.port));
+    EXPECT_EQ(server_->GetState(), kServerRunning);
+  }
 }
 
 TEST_F(LiveServerTests, ServesTlsWithCertificateBesideTheHost) {

@@ -6,9 +6,11 @@
 #include <fstream>
 #include <random>
 #include <sstream>
+#include <string>
 #include <system_error>
 
 #ifdef _WIN32
+#include <cpuid.h>
 #include <windows.h>
 #include <winsock2.h>
 #else
@@ -154,6 +156,22 @@ ScopedRegistry::~ScopedRegistry() {
   DeleteProductKeys();
 #else
   SetEnv("KRO_REGISTRY_FILE", hadSaved_ ? saved_.c_str() : nullptr);
+#endif
+}
+
+bool HypervisorPresent() {
+#ifdef _WIN32
+  unsigned eax = 0, ebx = 0, ecx = 0, edx = 0;
+  return __get_cpuid(1, &eax, &ebx, &ecx, &edx) != 0 && (ecx & (1u << 31)) != 0;
+#else
+  std::ifstream in("/proc/cpuinfo");
+  std::string line;
+  while (std::getline(in, line)) {
+    if (line.rfind("flags", 0) == 0) {
+      return (line + ' ').find(" hypervisor ") != std::string::npos;
+    }
+  }
+  return false;
 #endif
 }
 

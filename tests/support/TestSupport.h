@@ -47,6 +47,12 @@ class LoopbackListener {
   uint16_t port_ = 0;
 };
 
+/**
+ * @brief Whether the machine runs under a hypervisor, as seen apart from the agent: the
+ * kernel's "hypervisor" processor flag on Linux, the processor's own bit elsewhere on x86.
+ */
+bool HypervisorPresent();
+
 /** @brief Sets (or with null, removes) an environment variable of this process. */
 void SetEnv(const char* name, const char* value);
 
