@@ -2,7 +2,9 @@
 
 #include <cstdio>
 #include <exception>
+#include <filesystem>
 
+#include "common/FilePath.h"
 #include "common/KroStatus.h"
 #include "common/WinHelper.h"
 #include "hlp/SSLContext.h"
@@ -232,10 +234,39 @@ long KroServer::StartListening() {
         return st;
       }
     }
+    if (hasTls) {
+      ApplyManagerCa(*tls);
+    }
     return hlp::HttpServer::Start(tls, ports, handler_.get());
   } catch (...) {
     return status::Failure;
   }
+}
+
+void KroServer::ApplyManagerCa(hlp::SSLContext& tls) const {
+  std::wstring path;
+  std::string file;
+  std::error_code ec;
+  if (HostExecutablePath(path) != status::Ok) {
+    // Where the host is cannot be told, so neither can whether the file lies beside it.
+    KRO_LOG_ERROR << "KroServer: no host folder to look for manager_ca.pem in";
+    return;
+  }
+  path = path.substr(0, path.find_last_of(L"\\/") + 1) + kManagerCaFile;
+  if (!std::filesystem::exists(ToFilePath(path), ec)) {
+    tls.AdmitAnyClient();
+    return;
+  }
+  if (WideToUtf8(path, file) != status::Ok) {
+    file.clear();  // still demanded: a file meant to close the port never leaves it open
+  }
+  const long st = tls.RequireClientCertificates(file);
+  if (st != status::Ok) {
+    KRO_LOG_ERROR << "KroServer: " << file << " is unusable (" << Hex(st)
+                  << "): the TLS port admits no caller until it is fixed";
+    return;
+  }
+  KRO_LOG_INFO << "KroServer: the TLS port admits only callers certified by " << file;
 }
 
 long KroServer::ServerThreadInit(void* context) {

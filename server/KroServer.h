@@ -82,11 +82,18 @@ class KroServer : public hlp::HttpServer {
    */
   long BuildListeningPorts(const std::vector<ServerEndpoint>& endpoints);
 
+  /** @brief The name of the CA file that closes the TLS port to callers it did not certify. */
+  static constexpr const wchar_t* kManagerCaFile = L"manager_ca.pem";
   /** @brief Host executable's folder + `fileName`; empty `fileName` leaves no path. */
   long SetCertificatePath(const std::wstring& fileName);
 
   /** @brief Loads the certificate when a port speaks TLS, then binds. On the server thread. */
   long StartListening();
+  /**
+   * @brief With "manager_ca.pem" beside the host, TLS callers must present a certificate that
+   * chains to it; without it, any caller may connect.
+   */
+  void ApplyManagerCa(hlp::SSLContext& tls) const;
 
   /** @brief Entries of the server thread (context: the server). */
   static long ServerThreadInit(void* context);

@@ -160,6 +160,15 @@ long SSLContext::RequireClientCertificates(const std::string& caPemFile) {
   }
 }
 
+void SSLContext::AdmitAnyClient() {
+  std::lock_guard<std::mutex> lock(impl_->mutex);
+  if (impl_->context && impl_->clientCertificates) {
+    SSL_CTX_set_verify(impl_->context->native_handle(), SSL_VERIFY_NONE, nullptr);
+    SSL_CTX_set_client_CA_list(impl_->context->native_handle(), nullptr);
+  }
+  impl_->clientCertificates = false;
+}
+
 bool SSLContext::RequiresClientCertificates() const {
   std::lock_guard<std::mutex> lock(impl_->mutex);
   return impl_->clientCertificates;

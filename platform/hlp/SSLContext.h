@@ -39,6 +39,8 @@ class SSLContext {
    * on failure no client is admitted until a good file is given.
    */
   long RequireClientCertificates(const std::string& caPemFile);
+  /** @brief Takes a demand for client certificates back: any client may connect again. */
+  void AdmitAnyClient();
   bool RequiresClientCertificates() const;
 
   /** @brief The underlying context; to be used only once HasCertificate() is true. */
