@@ -7,6 +7,7 @@ export DEBIAN_FRONTEND=noninteractive
 
 PKGS=(
   build-essential cmake ninja-build pkg-config git clang-format
+  clang libclang-rt-14-dev
   libboost-dev libboost-log-dev libboost-thread-dev libboost-filesystem-dev
   libssl-dev openssl ca-certificates rapidjson-dev libsqlite3-dev sqlite3
   googletest libgtest-dev libgmock-dev

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # The project's test command: installs what is missing, checks formatting, then builds and
 # runs every suite: native (RelWithDebInfo, ASan+UBSan, TSan), the self-contained release build's
-# check, and the Windows build under Wine.
+# check, every fuzz target for 10 s (its kept inputs replayed first), and the Windows build under
+# Wine.
 #
 #   scripts/test.sh             everything
 #   scripts/test.sh --native    the native suites alone (quick iteration)
@@ -14,7 +15,7 @@ native_only=0
 for arg in "$@"; do
   case $arg in
     --native) native_only=1 ;;
-    -h | --help) sed -n '2,9p' "$0" | sed 's/^# \{0,1\}//'; exit 0 ;;
+    -h | --help) sed -n '2,10p' "$0" | sed 's/^# \{0,1\}//'; exit 0 ;;
     *) echo "test.sh: unknown argument '$arg'" >&2; exit 2 ;;
   esac
 done
@@ -53,6 +54,12 @@ cmake --preset release >/dev/null
 cmake --build --preset release -- -j"$(nproc)"
 stage "check: release"
 bash scripts/check-release.sh
+
+stage "configure + build: fuzz"
+cmake --preset fuzz >/dev/null
+cmake --build --preset fuzz -- -j"$(nproc)"
+stage "fuzz: every target 10 s"
+bash scripts/fuzz.sh --all 10
 
 if ((!native_only)); then
   export KRO_WIN_DEPS=${KRO_WIN_DEPS:-/opt/kro-win-deps}

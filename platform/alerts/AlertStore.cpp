@@ -3,11 +3,10 @@
 #include <sqlite3.h>
 
 #include <chrono>
-#include <sstream>
 #include <system_error>
 
+#include "alerts/AlertPayload.h"
 #include "common/KroStatus.h"
-#include "hlp/Json.h"
 #include "logging_support/logging_support.h"
 
 namespace KroAlerts {
@@ -81,29 +80,6 @@ class Statement {
   sqlite3_stmt* stmt_ = nullptr;
   int rc_ = SQLITE_OK;
 };
-
-std::string ParametersJson(const std::vector<std::string>& parameters) {
-  std::ostringstream out;
-  hlp::JsonWriter writer(out);
-  writer.Array();
-  for (const std::string& parameter : parameters) {
-    writer.String(parameter);
-  }
-  writer.EndArray();
-  return out.str();
-}
-
-std::vector<std::string> ParseParameters(const std::string& text) {
-  std::vector<std::string> parameters;
-  const std::unique_ptr<hlp::JsonValue> root = hlp::JsonParser().Parse(text);
-  if (root == nullptr || !root->IsArray()) {
-    return parameters;
-  }
-  for (size_t i = 0; i < root->Size(); ++i) {
-    parameters.push_back(root->At(i)->AsText());
-  }
-  return parameters;
-}
 
 AlertRecord ReadRecord(const Statement& row) {
   AlertRecord record;

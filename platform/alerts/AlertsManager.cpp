@@ -9,9 +9,9 @@
 #include <mutex>
 #include <new>
 #include <random>
-#include <sstream>
 #include <vector>
 
+#include "alerts/AlertPayload.h"
 #include "alerts/AlertStore.h"
 #include "common/KroStatus.h"
 #include "hlp/Json.h"
@@ -72,53 +72,6 @@ long Guarded(Body&& body) noexcept {
 
 fs::path FromUtf8(const char* text) {
   return fs::path(std::u8string(reinterpret_cast<const char8_t*>(text)));
-}
-
-void WriteAlert(hlp::JsonWriter& writer, const AlertRecord& record, bool withSent) {
-  writer.Object();
-  writer.Name("id");
-  writer.String(record.id);
-  writer.Name("type");
-  writer.String(record.type);
-  writer.Name("code");
-  writer.Uint(record.code);
-  writer.Name("schema");
-  writer.Int(record.schema);
-  writer.Name("severity");
-  writer.Int(record.severity);
-  writer.Name("parameters");
-  writer.Array();
-  for (const std::string& parameter : record.parameters) {
-    writer.String(parameter);
-  }
-  writer.EndArray();
-  writer.Name("raised");
-  writer.Int64(record.raised);
-  writer.Name("updated");
-  writer.Int64(record.updated);
-  if (withSent) {
-    writer.Name("sent");
-    writer.Bool(record.sent);
-  }
-  writer.EndObject();
-}
-
-std::string AlertJson(const AlertRecord& record, bool withSent) {
-  std::ostringstream out;
-  hlp::JsonWriter writer(out);
-  WriteAlert(writer, record, withSent);
-  return out.str();
-}
-
-std::string AlertArrayJson(const std::vector<AlertRecord>& records) {
-  std::ostringstream out;
-  hlp::JsonWriter writer(out);
-  writer.Array();
-  for (const AlertRecord& record : records) {
-    WriteAlert(writer, record, true);
-  }
-  writer.EndArray();
-  return out.str();
 }
 
 /**

@@ -69,9 +69,11 @@ class DepthLimited {
     return target_.Double(number.real);
   }
   bool String(const char* s, rapidjson::SizeType n, bool copy) {
-    return target_.String(s, n, copy);
+    return Paired(s, n) && target_.String(s, n, copy);
   }
-  bool Key(const char* s, rapidjson::SizeType n, bool copy) { return target_.Key(s, n, copy); }
+  bool Key(const char* s, rapidjson::SizeType n, bool copy) {
+    return Paired(s, n) && target_.Key(s, n, copy);
+  }
   bool StartObject() { return Enter() && target_.StartObject(); }
   bool EndObject(rapidjson::SizeType n) {
     --depth_;
@@ -84,8 +86,27 @@ class DepthLimited {
   }
 
   bool TooDeep() const { return tooDeep_; }
+  bool LoneSurrogate() const { return loneSurrogate_; }
 
  private:
+  /**
+   * @brief False for a string that holds half a surrogate pair. The text itself is checked as
+   * UTF-8, but RapidJSON 1.1.0 decodes an escaped low surrogate that follows no high one
+   * ("\ude00") into the surrogate's own bytes, which are no UTF-8, and every later reader and
+   * writer would then see other text than the parser did. Only an escape can produce them:
+   * checked UTF-8 has ED followed by 80..9F alone, a surrogate ED A0..BF.
+   */
+  bool Paired(const char* s, rapidjson::SizeType n) {
+    for (rapidjson::SizeType i = 0; i + 1 < n; ++i) {
+      if (static_cast<unsigned char>(s[i]) == 0xED &&
+          static_cast<unsigned char>(s[i + 1]) >= 0xA0) {
+        loneSurrogate_ = true;
+        return false;
+      }
+    }
+    return true;
+  }
+
   bool Enter() {
     if (depth_ == kJsonMaxDepth) {
       tooDeep_ = true;
@@ -98,6 +119,7 @@ class DepthLimited {
   Target& target_;
   unsigned depth_ = 0;
   bool tooDeep_ = false;
+  bool loneSurrogate_ = false;
 };
 
 inline std::string DescribeParseError(std::string_view what, size_t offset) {
@@ -126,6 +148,9 @@ std::string ParseInto(std::string_view text, Target& target, size_t* errorOffset
       offset = result.Offset();
       error = DescribeParseError("Nesting deeper than " + std::to_string(kJsonMaxDepth) + " levels",
                                  offset);
+    } else if (handler.LoneSurrogate()) {
+      offset = result.Offset();
+      error = DescribeParseError("Escaped surrogate without its pair in a string", offset);
     } else if (result.IsError()) {
       offset = result.Offset();
       error = DescribeParseError(rapidjson::GetParseError_En(result.Code()), offset);

@@ -131,10 +131,10 @@ TEST_F(JsonParserTests, LookupIsExactAndBoundsAreChecked) {
 }
 
 TEST_F(JsonParserTests, ToStringGivesCompactJson) {
-  const char* text = R"({"a":[1,-2,2.5,"x\n\"",null,true],"b":{},"c":"\u00e9"})";
+  const char* text = R"({"a":[1,-2,2.5,"x\n\"",null,true],"b":{},"c":"\u00e9","d":"\ud83d\ude00"})";
   const auto root = parser_.Parse(text);
   ASSERT_NE(root, nullptr);
-  EXPECT_EQ(root->ToString(), R"({"a":[1,-2,2.5,"x\n\"",null,true],"b":{},"c":"é"})");
+  EXPECT_EQ(root->ToString(), R"({"a":[1,-2,2.5,"x\n\"",null,true],"b":{},"c":"é","d":"😀"})");
   EXPECT_EQ(root->FindMember("a")->ToString(), R"([1,-2,2.5,"x\n\"",null,true])");
 }
 
@@ -151,6 +151,9 @@ TEST_F(JsonParserTests, MalformedTextGivesNullAndAReasonWhateverTheFlags) {
       {R"({"a":1,})", 0},
       {"[1,]", hlp::JsonParser::kAllowComments},
       {"/* c */ 1", hlp::JsonParser::kAllowTrailingCommas},
+      // Half a surrogate pair decodes to no UTF-8: whatever read it next would see other text.
+      {R"(["\ude00"])", 0},
+      {R"({"\udfff":1})", hlp::JsonParser::kAllowComments},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(testing::PrintToString(c.text));

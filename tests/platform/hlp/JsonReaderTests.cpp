@@ -165,6 +165,8 @@ TEST_F(JsonReaderTests, MalformedTextEndsInStickyError) {
       {std::string("[1]\0", 4), 3},
       {std::string("[\"a\0\"]", 6), 1},
       {"[\"\xFF\"]", 1},
+      {R"(["a","\ude00"])", 2},
+      {R"({"\udbff\udfff":1,"\udc00":2})", 3},
       {"[nul]", 1},
       {"// c\n1", 0},
       {"[01]", 2},
