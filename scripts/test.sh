@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# The project's test command: installs what is missing, checks formatting, then builds and
-# runs every suite: native (RelWithDebInfo, ASan+UBSan, TSan), the self-contained release build's
-# check, and the Windows build under Wine.
+# The project's test command: installs what is missing, checks formatting and the tests' share
+# of the code (scripts/test-share.sh), then builds and runs every suite: native (RelWithDebInfo,
+# ASan+UBSan, TSan), the self-contained release build's check, and the Windows build under Wine.
 #
 #   scripts/test.sh             everything
 #   scripts/test.sh --native    the native suites alone (quick iteration)
@@ -14,7 +14,7 @@ native_only=0
 for arg in "$@"; do
   case $arg in
     --native) native_only=1 ;;
-    -h | --help) sed -n '2,9p' "$0" | sed 's/^# \{0,1\}//'; exit 0 ;;
+    -h | --help) sed -n '2,8p' "$0" | sed 's/^# \{0,1\}//'; exit 0 ;;
     *) echo "test.sh: unknown argument '$arg'" >&2; exit 2 ;;
   esac
 done
@@ -34,6 +34,9 @@ mapfile -t sources < <(git ls-files -- '*.h' '*.cpp' 2>/dev/null || true)
 if ((${#sources[@]})); then
   clang-format --dry-run --Werror "${sources[@]}"
 fi
+
+stage "test share"
+bash scripts/test-share.sh
 
 build_and_test() {
   local preset=$1
