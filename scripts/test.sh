@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
-# The project's test command: installs what is missing, checks formatting, then builds and
-# runs every suite: native (RelWithDebInfo, ASan+UBSan, TSan), the self-contained release build's
-# check, every fuzz target for 10 s (its kept inputs replayed first), and the Windows build under
-# Wine.
+# The project's test command: installs what is missing, checks formatting and the tests' share
+# of the code (scripts/test-share.sh), then builds and runs every suite: native (RelWithDebInfo,
+# ASan+UBSan, TSan), the self-contained release build's check, every fuzz target for 10 s (its
+# kept inputs replayed first), and the Windows build under Wine.
 #
 #   scripts/test.sh             everything
 #   scripts/test.sh --native    the native suites alone (quick iteration)
@@ -35,6 +35,9 @@ mapfile -t sources < <(git ls-files -- '*.h' '*.cpp' 2>/dev/null || true)
 if ((${#sources[@]})); then
   clang-format --dry-run --Werror "${sources[@]}"
 fi
+
+stage "test share"
+bash scripts/test-share.sh
 
 build_and_test() {
   local preset=$1

@@ -11,6 +11,7 @@
 #include "alerts/AlertsManager.h"
 #include "common/KroStatus.h"
 #include "common/WinHelper.h"
+#include "tests/support/Routines.h"
 #include "tests/support/TestSupport.h"
 
 namespace KroAgent {
@@ -34,23 +35,14 @@ class KroAgentTests : public testing::Test {
   void WriteSettings(const std::string& line) { install_.Write("DialHomeInfo.txt", line); }
   std::string Settings() const { return kro::test::ReadFile(install_.Path() / "DialHomeInfo.txt"); }
 
-  static long UIPort(KroAgent& agent, unsigned short& port) { return agent.GetAgentUIPort(port); }
-
-  // Calls a routine through the map, as the server's dispatcher does.
-  static long Call(KroAgent& agent, const char* name, std::string& answer,
-                   const std::string& request = "") {
-    std::function<RoutineFn> routine;
-    if (!agent.Routines().Find(name, routine)) {
-      return kro::status::NotFound;
-    }
-    const char* response = nullptr;
-    size_t length = 0;
-    const long status = routine(request.c_str(), request.size(), &response, &length);
-    if (response != nullptr) {
-      answer.assign(response, length);
-      agent.ReleaseResponse(const_cast<char*>(response));
-    }
-    return status;
+  static unsigned short UIPort(KroAgent& agent) {
+    unsigned short port = 0;
+    EXPECT_EQ(agent.GetAgentUIPort(port), 0);
+    return port;
+  }
+  // Calls a routine through the map, as the server's dispatcher does: "<status> <answer>".
+  static std::string Call(KroAgent& agent, const char* name, const std::string& request = "") {
+    return kro::test::CallRoutine(agent.Routines(), name, request);
   }
 
   static bool WaitFor(const std::function<bool()>& condition, std::chrono::seconds limit) {
@@ -63,7 +55,6 @@ class KroAgentTests : public testing::Test {
 
   // The agent's private parts the alerts tests look at.
   static KroAlerts::AlertsManager* Alerts(KroAgent& agent) { return agent.alertsManager_.load(); }
-  static AlertAgentCallbacks* Callbacks(KroAgent& agent) { return agent.alertCallbacks_; }
   static kro::DialHome& DialHomeOf(KroAgent& agent) { return agent.dialHome_; }
   static bool Schema(const char* name, KroAlerts::DataSchema& schema) {
     return KroAgent::GetAlertDataSchema(name, schema);

@@ -7,6 +7,7 @@
 #include <set>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "common/KroStatus.h"
@@ -17,7 +18,6 @@
 #include "hlp/SSLContext.h"
 #include "nvthreads/nvthreads.h"
 #include "tests/dialhome/HomeStandIn.h"
-#include "tests/platform/hlp/HttpTestSupport.h"
 #include "tests/support/TestSupport.h"
 
 namespace kro {
@@ -28,32 +28,16 @@ using Clock = std::chrono::steady_clock;
 using test::Le32;
 using test::Reply;
 using test::StandIn;
-using test::UnframeRequest;
 
 const std::wstring kSetupKey = L"SOFTWARE\\Norvane Technologies\\Arbalo\\Setup";
 
 TEST(DialHomeFrameTests, RequestRecordLayoutIsExact) {
   std::string record;
   ASSERT_EQ(BuildRequestRecord("{}", record), status::Ok);
-  const std::string expected =
-      Le32(32) + Le32(0) + Le32(9) + Le32(0) + Le32(3) + std::string("DialHome\0{}\0", 12);
-  EXPECT_EQ(record, expected);
+  EXPECT_EQ(record,
+            Le32(32) + Le32(0) + Le32(9) + Le32(0) + Le32(3) + std::string("DialHome\0{}\0", 12));
   ASSERT_EQ(BuildRequestRecord("", record), status::Ok);
   EXPECT_EQ(record, Le32(29) + Le32(0) + Le32(9) + Le32(0) + Le32(0) + std::string("DialHome", 9));
-}
-
-TEST(DialHomeFrameTests, AppendRecordRefusesWhatDoesNotFit) {
-  MessageBuffer none;
-  EXPECT_EQ(AppendRecord(none, "abc"), status::NotAvailable);
-  MessageBuffer buffer;
-  buffer.bytes.assign(8, '\0');
-  EXPECT_EQ(AppendRecord(buffer, ""), status::EmptyRecord);
-  EXPECT_EQ(AppendRecord(buffer, "12345"), status::Ok);
-  EXPECT_EQ(AppendRecord(buffer, "6789"), status::BufferTooSmall);
-  EXPECT_EQ(AppendRecord(buffer, "678"), status::Ok);
-  EXPECT_EQ(buffer.used, 8u);
-  EXPECT_EQ(buffer.count, 2u);
-  EXPECT_EQ(std::string(buffer.bytes.data(), 8), "12345678");
 }
 
 TEST(DialHomeFrameTests, ReplyRecordRules) {
@@ -65,81 +49,44 @@ TEST(DialHomeFrameTests, ReplyRecordRules) {
            (payload.empty() ? json + std::string(1, '\0') : payload);
   };
   const std::string good = frame(25 + n, 9, 0, n);
-  struct Case {
-    const char* name;
-    std::string bytes;
-    long expected;
-    std::string json;
-  };
-  const Case cases[] = {
-      {"well formed", good, status::Ok, json},
-      {"name in another case", frame(25 + n, 9, 0, n, "dIALhOME"), status::Ok, json},
+  // json: "" for a malformed record
+  const std::tuple<const char*, std::string, std::string> cases[] = {
+      {"well formed", good, json},
+      {"name in another case", frame(25 + n, 9, 0, n, "dIALhOME"), json},
       {"payload stops at its first zero",
-       good.substr(0, 25) + "{}" + std::string(1, '\0') + good.substr(28), status::Ok, "{}"},
+       good.substr(0, 25) + "{}" + std::string(1, '\0') + good.substr(28), "{}"},
       {"missing zero stays inside the payload", frame(29, 9, 0, 4, "DIALHOME", "{}}}garbage"),
-       status::Ok, "{}}}"},
-      {"total above bytes received", frame(26 + n, 9, 0, n), status::MalformedData, ""},
-      {"name size not 9", frame(25 + n, 8, 0, n), status::MalformedData, ""},
-      {"third field not 0", frame(25 + n, 9, 1, n), status::MalformedData, ""},
-      {"negative payload size", frame(25 + n, 9, 0, 0x80000000u), status::MalformedData, ""},
-      {"payload beyond the record", frame(25 + n, 9, 0, n + 1) + "x", status::MalformedData, ""},
-      {"total below header, name and payload", frame(24 + n, 9, 0, n), status::MalformedData, ""},
-      {"wrong name", frame(25 + n, 9, 0, n, "DialHoma"), status::MalformedData, ""},
-      {"shorter than the header", good.substr(0, 15), status::MalformedData, ""},
-      {"huge payload size", frame(25 + n, 9, 0, 0x7FFFFFFFu), status::MalformedData, ""},
+       "{}}}"},
+      {"total above bytes received", frame(26 + n, 9, 0, n), ""},
+      {"name size not 9", frame(25 + n, 8, 0, n), ""},
+      {"third field not 0", frame(25 + n, 9, 1, n), ""},
+      {"negative payload size", frame(25 + n, 9, 0, 0x80000000u), ""},
+      {"payload beyond the record", frame(25 + n, 9, 0, n + 1) + "x", ""},
+      {"total below header, name and payload", frame(24 + n, 9, 0, n), ""},
+      {"wrong name", frame(25 + n, 9, 0, n, "DialHoma"), ""},
+      {"shorter than the header", good.substr(0, 15), ""},
+      {"huge payload size", frame(25 + n, 9, 0, 0x7FFFFFFFu), ""},
   };
-  for (const Case& row : cases) {
-    SCOPED_TRACE(row.name);
+  for (const auto& [wantName, wantBytes, wantJson] : cases) {
+    SCOPED_TRACE(wantName);
     // A copy of exactly the received size, so that reading past it is caught by the sanitizer.
-    const std::vector<char> received(row.bytes.begin(), row.bytes.end());
+    const std::vector<char> received(wantBytes.begin(), wantBytes.end());
     std::string out;
-    EXPECT_EQ(ParseReplyRecord(received.data(), received.size(), out), row.expected);
-    if (row.expected == status::Ok) {
-      EXPECT_EQ(out, row.json);
-    }
-  }
-}
-
-TEST(DialHomeFrameTests, OnlyExactSuccessIsAccepted) {
-  struct Case {
-    const char* text;
-    long expected;
-    bool accepted;
-  };
-  const Case results[] = {
-      {"", status::MalformedData, false},
-      {"garbage", status::MalformedData, false},
-      {"[]", status::MalformedData, false},
-      {R"({"other":1})", status::MalformedData, false},
-      {R"({"result":1})", status::MalformedData, false},
-      {R"({"result":"failed"})", status::Ok, false},
-      {R"({"result":"Success"})", status::Ok, false},
-      {R"({"result":"success"})", status::Ok, true},
-  };
-  for (const Case& row : results) {
-    SCOPED_TRACE(row.text);
-    bool accepted = !row.accepted;
-    EXPECT_EQ(ParseReplyResult(row.text, accepted), row.expected);
-    EXPECT_EQ(accepted, row.accepted);
+    EXPECT_EQ(ParseReplyRecord(received.data(), received.size(), out),
+              wantJson.empty() ? status::MalformedData : status::Ok);
+    EXPECT_EQ(out, wantJson);
   }
 }
 
 TEST(DialHomeFrameTests, RetryLadderStopsAtInterval) {
-  struct Case {
-    const char* name;
-    DialHomeSchedule schedule;
-    std::vector<uint32_t> ladder;  // delays after successive failures, from none pending
-  };
-  const Case cases[] = {
-      {"defaults", {}, {15, 60, 240, 0, 15}},
-      {"interval 60", {60, 15, 60, 240}, {15, 0, 15}},
-      {"interval 10", {10, 15, 60, 240}, {0, 0}},
-  };
-  for (const Case& row : cases) {
-    SCOPED_TRACE(row.name);
+  // ladder: delays after successive failures, from none pending
+  const std::pair<DialHomeSchedule, std::vector<uint32_t>> cases[] = {
+      {{}, {15, 60, 240, 0, 15}}, {{60, 15, 60, 240}, {15, 0, 15}}, {{10, 15, 60, 240}, {0, 0}}};
+  for (const auto& [schedule, ladder] : cases) {
+    SCOPED_TRACE(schedule.interval);
     uint32_t delay = 0;
-    for (const uint32_t expected : row.ladder) {
-      delay = NextRetryDelay(delay, row.schedule);
+    for (const uint32_t expected : ladder) {
+      delay = NextRetryDelay(delay, schedule);
       EXPECT_EQ(delay, expected);
     }
   }
@@ -149,8 +96,7 @@ class DialHomeTests : public testing::Test {
  protected:
   void SetUp() override {
     ASSERT_EQ(nvthreads_init(), NVTHREADS_OK);
-    WriteRegistryString(install_.Path().wstring(), kSetupKey, L"InstallDir");
-    WriteRegistryString(L"7.0.222.0", kSetupKey, L"ProductVersion");
+    Install();
     dialHome_.SetHostDirectory(install_.Path());
     ASSERT_EQ(dialHome_.Create(), status::Ok);
     dialHome_.SetConnectionWaits({300, 100, 2000, 2000});
@@ -161,9 +107,13 @@ class DialHomeTests : public testing::Test {
     nvthreads_cleanup();
   }
 
-  void Enrol(uint16_t port, const char* ssl = "N", const char* host = "127.0.0.1") {
-    install_.Write("DialHomeInfo.txt", std::string("HomeName:") + host + ",HomePort:" +
-                                           std::to_string(port) + ",HomeSSL:" + ssl + "\n");
+  void Install() {
+    WriteRegistryString(install_.Path().wstring(), kSetupKey, L"InstallDir");
+    WriteRegistryString(L"7.0.222.0", kSetupKey, L"ProductVersion");
+  }
+  void Enrol(uint16_t port, const char* ssl = "N") {
+    install_.Write("DialHomeInfo.txt", "HomeName:127.0.0.1,HomePort:" + std::to_string(port) +
+                                           ",HomeSSL:" + ssl + "\n");
   }
   static std::wstring RegisteredName() {
     std::wstring name;
@@ -193,23 +143,19 @@ TEST_F(DialHomeTests, ReportCarriesInventoryAndAlertsAndWritesBackTheName) {
 
   const auto seen = standIn_.Requests();
   ASSERT_EQ(seen.size(), 1u);
-  EXPECT_EQ(seen[0].method, "POST");
-  EXPECT_EQ(seen[0].uri, "/KRO/Server/DialHome");
-  EXPECT_EQ(seen[0].userAgent, "KroAgent/1.2");
+  EXPECT_EQ(seen[0].method + " " + seen[0].uri + " " + seen[0].userAgent,
+            "POST /KRO/Server/DialHome KroAgent/1.2");
   hlp::JsonParser parser;
-  const auto root = parser.Parse(UnframeRequest(seen[0].body));
+  const auto root = parser.Parse(test::UnframeRequest(seen[0].body));
   ASSERT_NE(root, nullptr) << parser.ErrorText();
   const hlp::JsonValue* general = root->FindMember("General");
-  ASSERT_NE(general, nullptr);
-  ASSERT_NE(general->FindMember("Time"), nullptr);
+  ASSERT_TRUE(general && general->FindMember("Time") && root->FindMember("System") &&
+              root->FindMember("Agent") && root->FindMember("Alerts"));
   EXPECT_EQ(general->FindMember("Type")->GetInt64(), 3);
   EXPECT_EQ(general->FindMember("Code")->GetInt64(), 0);
   const uint64_t time = std::stoull(general->FindMember("Time")->GetString());
   EXPECT_GE(time, before);
   EXPECT_LE(time, CurrentFileTime());
-  ASSERT_NE(root->FindMember("System"), nullptr);
-  ASSERT_NE(root->FindMember("Agent"), nullptr);
-  ASSERT_NE(root->FindMember("Alerts"), nullptr);
   const hlp::JsonValue* data = root->FindMember("Alerts")->FindMember("Data");
   ASSERT_NE(data, nullptr);
   ASSERT_EQ(data->Size(), 3u);  // the empty text is left out
@@ -238,7 +184,7 @@ TEST_F(DialHomeTests, NotEnrolledSendsNothingAndSchedulesNoRetry) {
 }
 
 TEST_F(DialHomeTests, FailuresClimbTheRetryLadderAndSuccessResetsIt) {
-  Enrol(test::UnusedPort());
+  Enrol(test::FreeTcpPort());
   dialHome_.AddAlert(R"({"id":"a1"})");
   for (const uint32_t expected : {15u, 60u, 240u, 0u}) {
     SCOPED_TRACE(expected);
@@ -247,9 +193,9 @@ TEST_F(DialHomeTests, FailuresClimbTheRetryLadderAndSuccessResetsIt) {
     // Cancelling proves the retry was scheduled; the next failure must not need it.
     EXPECT_EQ(Pending(DialHome::kRetryItem), expected != 0);
   }
-  EXPECT_EQ(dialHome_.AlertQueueSize(), 1u);
   EXPECT_EQ(DialHome::PeriodicEntry(&dialHome_), status::ConnectExhausted);
   EXPECT_EQ(dialHome_.RetryDelay(), 15u);
+  EXPECT_EQ(dialHome_.AlertQueueSize(), 1u);
   Enrol(standIn_.Port());
   EXPECT_EQ(DialHome::RequestEntry(&dialHome_), status::Ok);
   EXPECT_EQ(dialHome_.RetryDelay(), 0u);
@@ -270,16 +216,13 @@ TEST_F(DialHomeTests, ServerVerdicts) {
       {"failed result: done, nothing written", 200, Reply(R"({"result":"failed"})"), status::Ok,
        true, false},
       {"status 500", 500, Reply(R"({"result":"success"})"), status::MalformedData, false, false},
-      {"garbage reply", 200, Reply("not json"), status::MalformedData, false, false},
-      {"malformed record", 200, "short", status::MalformedData, false, false},
       {"success", 200, Reply(R"({"result":"success"})"), status::Ok, true, true},
   };
   Enrol(standIn_.Port());
   for (const Case& row : cases) {
     SCOPED_TRACE(row.name);
     test::ScopedRegistry registry;
-    WriteRegistryString(install_.Path().wstring(), kSetupKey, L"InstallDir");
-    WriteRegistryString(L"7.0.222.0", kSetupKey, L"ProductVersion");
+    Install();
     delivered_.clear();
     dialHome_.AddAlert(R"({"id":"a1"})");
     standIn_.Answer(row.status, row.body);
@@ -304,8 +247,12 @@ TEST_F(DialHomeTests, AlertQueuedDuringReportStays) {
   EXPECT_EQ(delivered_, std::vector<std::string>{"early"});
   standIn_.During(nullptr);
   ASSERT_EQ(dialHome_.Run(periodic), status::Ok);
-  EXPECT_EQ(dialHome_.AlertQueueSize(), 0u);
   EXPECT_EQ(delivered_, (std::vector<std::string>{"early", "late"}));
+
+  // Without the agent's version there is no report at all.
+  WriteRegistryString(L"", kSetupKey, L"ProductVersion");
+  EXPECT_NE(dialHome_.Run(startup), status::Ok);
+  EXPECT_EQ(standIn_.Requests().size(), 2u);
 }
 
 TEST_F(DialHomeTests, AQueueTooLargeForOneReportGoesInSeveralAndLosesNothing) {
@@ -344,7 +291,7 @@ TEST_F(DialHomeTests, AQueueTooLargeForOneReportGoesInSeveralAndLosesNothing) {
   const auto seen = standIn_.Requests();
   for (const auto& report : seen) {
     EXPECT_LE(report.body.size(), kMessageBufferSize);
-    const auto root = hlp::JsonParser().Parse(UnframeRequest(report.body));
+    const auto root = hlp::JsonParser().Parse(test::UnframeRequest(report.body));
     ASSERT_NE(root, nullptr);
     const hlp::JsonValue* data = root->FindMember("Alerts")->FindMember("Data");
     for (size_t i = 0; i < data->Size(); ++i) {
@@ -355,26 +302,6 @@ TEST_F(DialHomeTests, AQueueTooLargeForOneReportGoesInSeveralAndLosesNothing) {
   EXPECT_EQ(reported, ids);
   EXPECT_EQ(delivered, ids);
   EXPECT_EQ(dialHome_.AlertQueueSize(), 0u);
-}
-
-TEST_F(DialHomeTests, MissingAgentVersionAbandonsTheReport) {
-  Enrol(standIn_.Port());
-  WriteRegistryString(L"", kSetupKey, L"ProductVersion");
-  EXPECT_NE(dialHome_.Run(startup), status::Ok);
-  EXPECT_TRUE(standIn_.Requests().empty());
-}
-
-TEST_F(DialHomeTests, SilentOrAbsentServerFailsWithinTheBudget) {
-  standIn_.Answer(0, "");
-  for (const uint16_t port : {standIn_.Port(), test::UnusedPort()}) {
-    SCOPED_TRACE(port);
-    Enrol(port);
-    const Clock::time_point start = Clock::now();
-    EXPECT_NE(dialHome_.Run(startup), status::Ok);
-    // Budget 300 ms, an attempt 2 s at most, the request 2 s: 4.3 s at the very worst.
-    EXPECT_LT(Clock::now() - start, 6s);
-  }
-  EXPECT_EQ(standIn_.Requests().size(), 1u);
 }
 
 TEST_F(DialHomeTests, DroppedConnectionsGetEveryAttemptTheSettingsAllow) {
@@ -400,9 +327,8 @@ TEST_F(DialHomeTests, OnlyUppercaseYMeansTls) {
   const test::TestCertificate server =
       test::IssueCertificate("localhost", "DNS:localhost,IP:127.0.0.1");
   ASSERT_FALSE(server.key.empty());
-  const std::string pemFile = install_.Write("server.pem", server.Pem()).string();
   hlp::SSLContext tls;
-  ASSERT_EQ(tls.UseCertificate(pemFile), status::Ok);
+  ASSERT_EQ(tls.UseCertificate(install_.Write("server.pem", server.Pem()).string()), status::Ok);
   StandIn secure(&tls);
   // One attempt each: a refused handshake is not retried into the next row's time.
   dialHome_.SetConnectionWaits({0, 100, 2000, 2000});
@@ -412,40 +338,19 @@ TEST_F(DialHomeTests, OnlyUppercaseYMeansTls) {
     bool trusted;
     long expected;
   };
-  const Case cases[] = {
-      {"y", standIn_.Port(), false, status::Ok},
-      {"Y", standIn_.Port(), true, status::ConnectExhausted},
-      {"Y", secure.Port(), false, status::ConnectExhausted},
-      {"Y", secure.Port(), true, status::Ok},
-  };
-  for (const Case& row : cases) {
-    SCOPED_TRACE(std::string(row.ssl) + " port " + std::to_string(row.port) +
-                 (row.trusted ? " trusted" : ""));
+  const Case cases[] = {{"y", standIn_.Port(), false, status::Ok},
+                        {"Y", standIn_.Port(), true, status::ConnectExhausted},
+                        {"Y", secure.Port(), false, status::ConnectExhausted},
+                        {"Y", secure.Port(), true, status::Ok}};
+  for (const auto& [ssl, port, trusted, expected] : cases) {
+    SCOPED_TRACE(std::string(ssl) + std::to_string(port) + (trusted ? " trusted" : ""));
     std::filesystem::remove(install_.Path() / DialHome::kTrustFileName);
-    if (row.trusted) {
+    if (trusted) {
       install_.Write(DialHome::kTrustFileName, server.certificate);
     }
-    Enrol(row.port, row.ssl);
-    EXPECT_EQ(dialHome_.Run(startup), row.expected);
+    Enrol(port, ssl);
+    EXPECT_EQ(dialHome_.Run(startup), expected);
   }
-}
-
-TEST_F(DialHomeTests, ShutDownDoesNotWaitOutAReportInFlight) {
-  standIn_.Answer(0, "");  // silent: the report waits for its answer
-  Enrol(standIn_.Port());
-  dialHome_.SetConnectionWaits({300, 100, 2000, 60000});
-  ASSERT_EQ(dialHome_.RequestDialHome(), status::Ok);
-  const Clock::time_point sent = Clock::now() + 10s;
-  while (standIn_.Requests().empty() && Clock::now() < sent) {
-    std::this_thread::sleep_for(10ms);
-  }
-  ASSERT_EQ(standIn_.Requests().size(), 1u);
-
-  // The pool's budget is far shorter than the request's time-out; the wait is abandoned.
-  nvthreads_pool_set_shutdownmsecs(DialHome::kPool, 5000);
-  const Clock::time_point start = Clock::now();
-  EXPECT_EQ(nvthreads_pool_shutdown(DialHome::kPool), NVTHREADS_OK);
-  EXPECT_LT(Clock::now() - start, 2s);
 }
 
 TEST_F(DialHomeTests, StartSchedulesAndStopCancels) {
@@ -464,18 +369,6 @@ TEST_F(DialHomeTests, StartSchedulesAndStopCancels) {
   // A cancelled request does not swallow the next one.
   ASSERT_EQ(dialHome_.RequestDialHome(), status::Ok);
   EXPECT_TRUE(Pending(DialHome::kRequestItem));
-  EXPECT_TRUE(standIn_.Requests().empty());
-}
-
-TEST_F(DialHomeTests, TestConnectionReachesOnlyALiveServer) {
-  DialHomeInfo settings;
-  settings.homeName = "127.0.0.1";
-  settings.homePort = standIn_.Port();
-  EXPECT_EQ(dialHome_.TestConnection(settings), status::Ok);
-  settings.homePort = test::UnusedPort();
-  EXPECT_NE(dialHome_.TestConnection(settings), status::Ok);
-  settings.homeName.clear();
-  EXPECT_NE(dialHome_.TestConnection(settings), status::Ok);
   EXPECT_TRUE(standIn_.Requests().empty());
 }
 

@@ -6,18 +6,20 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <tuple>
 
 #include "agent/RoutineTable.h"
 #include "common/KroStatus.h"
+#include "tests/support/Routines.h"
 #include "tests/support/TestSupport.h"
 
 namespace kro {
 namespace {
 
-const std::string kSuccess42 = R"({"result":"success","systemId":"42"})";
+const std::string kSuccess42 = R"(0 {"result":"success","systemId":"42"})";
 
 std::string ErrorReply(const std::string& systemId) {
-  return R"({"result":"error","systemId":")" + systemId +
+  return R"(0 {"result":"error","systemId":")" + systemId +
          R"(","message":"The port is unavailable at the target system"})";
 }
 
@@ -33,26 +35,14 @@ std::string Quoted(uint16_t port) {
 
 class EndNodeModifyPortTests : public testing::Test {
  protected:
-  /** @brief Calls the routine the way the server's dispatcher does; its reply ("" for none). */
-  std::string Call(const char* request, size_t requestLen, std::function<RoutineFn> routine = {}) {
-    if (!routine) {
-      routine = [this](const char* in, size_t inLen, const char** out, size_t* outLen) {
-        return handler_.ModifyCommunicationPort(in, inLen, out, outLen);
-      };
-    }
-    const char* response = nullptr;
-    size_t responseLen = 0;
-    EXPECT_EQ(routine(request, requestLen, &response, &responseLen), status::Ok);
-    if (response == nullptr) {
-      return {};
-    }
-    // The reply doubles as a C string for callers that treat it so.
-    EXPECT_EQ(response[responseLen], '\0');
-    std::string reply(response, responseLen);
-    delete[] response;
-    return reply;
+  /** @brief Calls the routine the way the server's dispatcher does: "<status> <reply>". */
+  std::string Call(const std::string& request) {
+    return test::CallRoutine(
+        [this](const char* in, size_t inLen, const char** out, size_t* outLen) {
+          return handler_.ModifyCommunicationPort(in, inLen, out, outLen);
+        },
+        request);
   }
-  std::string Call(const std::string& request) { return Call(request.data(), request.size()); }
 
   static constexpr uint32_t kUnchanged = 7777;
   std::atomic<uint32_t> pendingPort_{kUnchanged};
@@ -86,7 +76,7 @@ TEST_F(EndNodeModifyPortTests, FormsStreamExtractionReadsAreAccepted) {
     text += std::to_string(c.negated ? 65536 - port : port);
     text += c.after;
     pendingPort_ = kUnchanged;
-    std::string expected = R"({"result":"success","systemId":")";
+    std::string expected = R"(0 {"result":"success","systemId":")";
     expected += c.expectedId;
     expected += "\"}";
     EXPECT_EQ(Call(Request(c.systemId, text)), expected);
@@ -113,11 +103,8 @@ TEST_F(EndNodeModifyPortTests, PortSomeoneListensOnIsRefused) {
 TEST_F(EndNodeModifyPortTests, BadRequestsGetTheErrorReply) {
   // A free port wherever the port is not the fault, so that only the named fault can refuse.
   const std::string port = Quoted(test::FreeTcpPort());
-  struct Case {
-    std::string request;
-    const char* expectedId;  // as far as the request let it be read
-  };
-  const Case cases[] = {
+  // expectedId: as far as the request let it be read
+  const std::pair<std::string, const char*> cases[] = {
       {"", "0"},
       {"not json", "0"},
       {R"(["42",8443])", "0"},
@@ -132,25 +119,12 @@ TEST_F(EndNodeModifyPortTests, BadRequestsGetTheErrorReply) {
       {Request(R"("x")", port), "0"},
       {Request(R"("18446744073709551616")", port), "0"},
   };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.request);
-    EXPECT_EQ(Call(c.request), ErrorReply(c.expectedId));
+  for (const auto& [request, expectedId] : cases) {
+    SCOPED_TRACE(request);
+    EXPECT_EQ(Call(request), ErrorReply(expectedId));
     EXPECT_EQ(pendingPort_.load(), kUnchanged);
   }
-  EXPECT_EQ(Call(nullptr, 0), ErrorReply("0"));
   EXPECT_EQ(handler_.ModifyCommunicationPort("{}", 2, nullptr, nullptr), status::NotAvailable);
-}
-
-TEST_F(EndNodeModifyPortTests, RegistrationClearsPendingPortAndIsFoundInAnyCase) {
-  KroAgent::RoutineTable routines;
-  EXPECT_EQ(handler_.Register(routines), status::Ok);
-  EXPECT_EQ(pendingPort_.load(), 0u);
-  std::function<RoutineFn> routine;
-  ASSERT_TRUE(routines.Find("modifycommunicationPORT", routine));
-  const uint16_t port = test::FreeTcpPort();
-  const std::string request = Request(R"("42")", std::to_string(port));
-  EXPECT_EQ(Call(request.data(), request.size(), routine), kSuccess42);
-  EXPECT_EQ(pendingPort_.load(), port);
 }
 
 }  // namespace

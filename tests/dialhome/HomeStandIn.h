@@ -19,7 +19,7 @@
 #include "hlp/HttpServerConnection.h"
 #include "hlp/RequestInfo.h"
 #include "hlp/SSLContext.h"
-#include "tests/platform/hlp/HttpTestSupport.h"
+#include "tests/support/HttpTestSupport.h"
 
 // A management server for tests: it reads framed reports and answers as it is told.
 namespace kro::test {

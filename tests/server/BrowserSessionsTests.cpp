@@ -19,16 +19,14 @@ TEST(BrowserSessionsTests, EndNodeAdmitsLoopbackOnlyUnlessRemoteUiIsOn) {
     bool remoteUI;
     long result;
   };
-  const Case cases[] = {
-      {"", 0, true, true, status::WinInvalidParameter},
-      {"10.0.0.5", 0, true, false, status::WinAccessDenied},
-      {"127.0.0.1", 0, true, false, status::Ok},
-      {"127.5.5.5", 0, true, false, status::Ok},
-      {"1270.0.0.1", 0, true, false, status::WinAccessDenied},
-      {"10.0.0.5", 0, true, true, status::Ok},
-      {"10.0.0.5", 0, false, true, status::WinAccessDenied},
-      {"10.0.0.5", 30, true, false, status::Ok},
-  };
+  const Case cases[] = {{"", 0, true, true, status::WinInvalidParameter},
+                        {"10.0.0.5", 0, true, false, status::WinAccessDenied},
+                        {"127.0.0.1", 0, true, false, status::Ok},
+                        {"127.5.5.5", 0, true, false, status::Ok},
+                        {"1270.0.0.1", 0, true, false, status::WinAccessDenied},
+                        {"10.0.0.5", 0, true, true, status::Ok},
+                        {"10.0.0.5", 0, false, true, status::WinAccessDenied},
+                        {"10.0.0.5", 30, true, false, status::Ok}};
   for (const Case& c : cases) {
     SCOPED_TRACE(c.address);
     BrowserSessions sessions;

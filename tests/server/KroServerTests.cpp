@@ -11,6 +11,7 @@
 #include "common/WinHelper.h"
 #include "nvthreads/nvthreads.h"
 #include "server/UpperTierRoutines.h"
+#include "tests/support/Routines.h"
 #include "tests/support/TestSupport.h"
 
 namespace kro {
@@ -26,20 +27,9 @@ class KroServerTests : public testing::Test {
     nvthreads_cleanup();
   }
 
-  // Calls a routine the server registered, as the dispatcher would; gives status and answer.
-  std::function<RoutineFn> Routine(const char* name) {
-    std::function<RoutineFn> routine;
-    EXPECT_TRUE(routines_.Find(name, routine)) << name;
-    return routine;
-  }
-  std::pair<long, std::string> Call(const char* name, const char* request = nullptr) {
-    const char* answer = nullptr;
-    size_t length = 0;
-    const long result =
-        Routine(name)(request, request != nullptr ? std::strlen(request) : 0, &answer, &length);
-    const std::unique_ptr<const char[]> owned(answer);
-    EXPECT_TRUE(answer == nullptr || answer[length] == '\0');
-    return {result, answer != nullptr ? std::string(answer, length) : "<none>"};
+  // Calls a routine the server registered, as the dispatcher would: "<status> <answer>".
+  std::string Call(const char* name, const char* request = "") {
+    return test::CallRoutine(routines_, name, request);
   }
   static long Recorded() {
     std::wstring recorded;
@@ -75,24 +65,6 @@ TEST_F(KroServerTests, PortStringKeepsLastDuplicateInItsPlace) {
   }
 }
 
-TEST_F(KroServerTests, InitNamesPoolThreadAndCertificateAndPortChangeWaitsForRunning) {
-  ASSERT_EQ(server_->Init(4800, true, &routines_, L"ssl_cert.pem", "KroAgent", 0), status::Ok);
-  EXPECT_STREQ(server_->PoolName(), "ServerPoolKroAgent");
-  EXPECT_STREQ(server_->ThreadName(), "ServerThreadKroAgent");
-  std::wstring folder;
-  ASSERT_EQ(GetHostDirectory(folder), status::Ok);
-  EXPECT_EQ(server_->CertificatePath(), folder + kPathSeparator + L"ssl_cert.pem");
-  EXPECT_EQ(server_->GetState(), kServerInitialised);
-  const auto begin = std::chrono::steady_clock::now();
-  EXPECT_EQ(server_->ChangePorts(4900, false), status::WinNotRunning);
-  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(1));
-  EXPECT_EQ(server_->ListeningPorts(), "4800s");
-
-  KroServer other;
-  EXPECT_EQ(other.Init({}, &routines_, L"", "KroMaster", 30), status::NotAvailable);
-  EXPECT_TRUE(other.CertificatePath().empty());
-}
-
 // A host whose executable path cannot be read: too long, or gone.
 class PathlessServer : public KroServer {
  public:
@@ -115,7 +87,7 @@ TEST_F(KroServerTests, WithoutACertificatePathTheServerStillStartsAndListens) {
     EXPECT_TRUE(server.CertificatePath().empty());
     EXPECT_STREQ(server.PoolName(), "ServerPoolKroAgent");
     EXPECT_EQ(server.ListeningPorts(), std::to_string(port));
-    EXPECT_EQ(Call("Authentication").second, "KroAgent/1.2");
+    EXPECT_EQ(Call("Authentication"), "0 KroAgent/1.2");
     ASSERT_EQ(server.Start(), status::Ok);
     ASSERT_TRUE(server.WaitForStart(std::chrono::seconds(10)));
     EXPECT_EQ(server.GetState(), kServerRunning) << status::Bits(server.StartResult());
@@ -132,9 +104,9 @@ TEST_F(KroServerTests, HeartbeatRecordsTimeWhereTheKeyExistsAndAnswersStatusPage
                        received += (request == nullptr && answer == nullptr) ? 1 : 100;
                        return 0L;
                      });
-  const std::pair<long, std::string> page = {
+  const std::string page = test::Answered(
       status::WinNotRunning,
-      "<html><body>Server Thread [ServerThreadKroAgent] Port[4800s,4801]</body></html>\n"};
+      "<html><body>Server Thread [ServerThreadKroAgent] Port[4800s,4801]</body></html>\n");
   // The heartbeat only opens the key: before anything was written under it, nothing is recorded.
   EXPECT_EQ(Call("CHECKHEARTBEAT"), page);
   EXPECT_EQ(Recorded(), status::RegistryOpenFailed);
@@ -148,7 +120,9 @@ TEST_F(KroServerTests, HeartbeatRecordsTimeWhereTheKeyExistsAndAnswersStatusPage
   EXPECT_EQ(received, 2);
 
   // Without a place for the answer nothing at all happens.
-  EXPECT_EQ(Routine("checkHeartBeat")(nullptr, 0, nullptr, nullptr), status::Ok);
+  std::function<RoutineFn> heartbeat;
+  ASSERT_TRUE(routines_.Find("checkHeartBeat", heartbeat));
+  EXPECT_EQ(heartbeat(nullptr, 0, nullptr, nullptr), status::Ok);
   EXPECT_EQ(received, 2);
 }
 
@@ -156,33 +130,15 @@ TEST_F(KroServerTests, HeartbeatDefersToUpdateCommunicationTime) {
   ASSERT_EQ(server_->Init(4800, false, &routines_, L"", "KroAgent", 0), status::Ok);
   WriteRegistryString(L"x", kDefaultRegistryKey, L"Other");
   std::string forwarded = "<none>";
-  routines_.Register("HeartBeatReceived", [&](const char*, size_t, const char**, size_t*) {
-    forwarded = "received";
-    return 0L;
-  });
   routines_.Register("UpdateCommunicationTime",
                      [&](const char* request, size_t length, const char** answer, size_t*) {
                        forwarded.assign(request, length);
                        *answer = new char[4]{'o', 'l', 'd', '\0'};  // replaced by the page
                        return 0L;
                      });
-  const auto [result, page] = Call("checkHeartBeat", "tick");
-  EXPECT_EQ(result, status::WinNotRunning);
-  EXPECT_NE(page.find("Port[4800]"), std::string::npos);
+  EXPECT_NE(Call("checkHeartBeat", "tick").find("Port[4800]"), std::string::npos);
   EXPECT_EQ(forwarded, "tick");
   EXPECT_EQ(Recorded(), status::RegistryValueMissing);
-}
-
-TEST_F(KroServerTests, AuthenticationAndRelaysFollowServerState) {
-  ASSERT_EQ(server_->Init(4800, false, &routines_, L"", "KroMaster", 0), status::Ok);
-  EXPECT_EQ(Call("Authentication"), std::make_pair(status::Ok, std::string("KroMaster/1.2")));
-
-  const char* text = "payload";
-  size_t length = 0;
-  for (const char* relay : {"AddResponseToSendUpperTier", "AddJobResponseToSendUpperTier"}) {
-    EXPECT_EQ(Routine(relay)("job-1", 5, &text, &length), status::WinNotRunning);
-  }
-  EXPECT_STREQ(text, "payload");
 }
 
 }  // namespace

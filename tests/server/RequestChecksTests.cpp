@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <tuple>
+
 #include "common/KroStatus.h"
 
 namespace kro {
@@ -10,12 +12,7 @@ namespace {
 namespace status = kro::status;
 
 TEST(RequestChecksTests, ClientIdentityNeedsKnownNameAndVersionOneTwo) {
-  struct Case {
-    const char* userAgent;
-    long result;
-    bool supported;
-  };
-  const Case cases[] = {
+  const std::tuple<const char*, long, bool> cases[] = {
       {"KroAgent/1.1", status::Ok, false},
       {"KroAgent/1.2", status::Ok, true},
       {"KroAgent/2.0", status::Ok, true},
@@ -29,23 +26,17 @@ TEST(RequestChecksTests, ClientIdentityNeedsKnownNameAndVersionOneTwo) {
       {"KroAgent", status::NotAvailable, false},
       {"", status::NotAvailable, false},
       {"kroagent/1.2", status::UnknownComponent, false},
-      {"Mozilla/5.0 (X11; Linux x86_64)", status::UnknownComponent, false},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.userAgent);
-    bool supported = !c.supported;
-    EXPECT_EQ(ClientIdentity(c.userAgent, supported), c.result);
-    EXPECT_EQ(supported, c.supported);
+      {"Mozilla/5.0 (X11; Linux x86_64)", status::UnknownComponent, false}};
+  for (const auto& [userAgent, result, wantSupported] : cases) {
+    SCOPED_TRACE(userAgent);
+    bool supported = !wantSupported;
+    EXPECT_EQ(ClientIdentity(userAgent, supported), result);
+    EXPECT_EQ(supported, wantSupported);
   }
 }
 
 TEST(RequestChecksTests, ClientsAreSortedByUserAgentAndServer) {
-  struct Case {
-    const char* userAgent;
-    bool masterOrAgent;
-    ClientClass client;
-  };
-  const Case cases[] = {
+  const std::tuple<const char*, bool, ClientClass> cases[] = {
       {"", true, ClientClass::Browser},
       {"", false, ClientClass::Unsupported},
       {"Mozilla/5.0 (Windows NT 10.0)", true, ClientClass::Browser},
@@ -53,21 +44,15 @@ TEST(RequestChecksTests, ClientsAreSortedByUserAgentAndServer) {
       {"Mozilla/4.0 (compatible; MSIE 8.0)", false, ClientClass::OldBrowser},
       {"Mozilla/5.0 (compatible; MSIE 9.0)", true, ClientClass::Browser},
       {"KroAgent/1.1", true, ClientClass::OutdatedComponent},
-      {"KroSysMgr/1.2", false, ClientClass::Component},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.userAgent);
-    EXPECT_EQ(ClassifyClient(c.userAgent, c.masterOrAgent), c.client);
+      {"KroSysMgr/1.2", false, ClientClass::Component}};
+  for (const auto& [userAgent, masterOrAgent, client] : cases) {
+    SCOPED_TRACE(userAgent);
+    EXPECT_EQ(ClassifyClient(userAgent, masterOrAgent), client);
   }
 }
 
 TEST(RequestChecksTests, OnlyTheConsoleUrlSpaceIsAdmitted) {
-  struct Case {
-    ClientClass client;
-    const char* uri;
-    bool admitted;
-  };
-  const Case cases[] = {
+  const std::tuple<ClientClass, const char*, bool> cases[] = {
       {ClientClass::Browser, "/", true},
       {ClientClass::Component, "/", false},
       {ClientClass::Browser, "/ARBALO/index.html", true},
@@ -76,21 +61,15 @@ TEST(RequestChecksTests, OnlyTheConsoleUrlSpaceIsAdmitted) {
       {ClientClass::Browser, "/arbalo", false},
       {ClientClass::OutdatedComponent, "/kro/x", false},
       {ClientClass::Unsupported, "/kro/x", false},
-      {ClientClass::OldBrowser, "/arbalo/x", false},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.uri);
-    EXPECT_EQ(IsUriAdmitted(c.client, c.uri), c.admitted);
+      {ClientClass::OldBrowser, "/arbalo/x", false}};
+  for (const auto& [client, uri, admitted] : cases) {
+    SCOPED_TRACE(uri);
+    EXPECT_EQ(IsUriAdmitted(client, uri), admitted);
   }
 }
 
 TEST(RequestChecksTests, ContentLengthMustBeOneWholeNumber) {
-  struct Case {
-    const char* value;
-    bool valid;
-    uint64_t length;
-  };
-  const Case cases[] = {
+  const std::tuple<const char*, bool, uint64_t> cases[] = {
       {"12", true, 12},
       {" 7\t", true, 7},
       {"0", true, 0},
@@ -102,13 +81,12 @@ TEST(RequestChecksTests, ContentLengthMustBeOneWholeNumber) {
       {"-1", false, 0},
       {"+5", false, 0},
       {"0x10", false, 0},
-      {"12abc", false, 0},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.value);
+      {"12abc", false, 0}};
+  for (const auto& [value, valid, wantLength] : cases) {
+    SCOPED_TRACE(value);
     uint64_t length = 0;
-    EXPECT_EQ(ParseContentLength(c.value, length), c.valid);
-    EXPECT_EQ(length, c.length);
+    EXPECT_EQ(ParseContentLength(value, length), valid);
+    EXPECT_EQ(length, wantLength);
   }
 }
 

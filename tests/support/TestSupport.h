@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <memory>
 #include <string>
 
 namespace kro::test {
@@ -22,6 +23,8 @@ class TempDir {
   std::filesystem::path path_;
 };
 
+/** @brief Writes `content` (bytes as they are) to `file`, making its folder. */
+void WriteFile(const std::filesystem::path& file, const std::string& content);
 /** @brief The whole content of a file, or empty when it cannot be read. */
 std::string ReadFile(const std::filesystem::path& file);
 
@@ -43,7 +46,8 @@ class LoopbackListener {
   void Close();
 
  private:
-  intptr_t socket_ = -1;
+  struct State;
+  std::unique_ptr<State> state_;
   uint16_t port_ = 0;
 };
 

@@ -4,6 +4,7 @@
 
 #include <cstring>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -116,48 +117,22 @@ TEST_F(AlertsManagerTests, RetrieveHandsOnUnsentOrAll) {
   }
 }
 
-TEST_F(AlertsManagerTests, AlertsSurviveRestart) {
-  const std::string kept = Add("Kept", 1);
-  const std::string delivered = Add("Delivered", 2);
-  ASSERT_EQ(manager_->markAlertAsSent(delivered), status::Ok);
-  std::function<RoutineFn> oldRoutine = routines_.at(AlertsManager::kGetAlertsRoutine);
-
-  Reopen();
-  EXPECT_EQ(manager_->getAlertCount(0), 2);
-  EXPECT_EQ(Retrieve(R"({"getAll":false})"), std::vector<std::string>{kept});
-
-  // The previous manager's routine is dead; the map now holds a live one.
-  const char* response = nullptr;
-  size_t length = 0;
-  EXPECT_EQ(oldRoutine("", 0, &response, &length), status::NotAvailable);
-  EXPECT_EQ(response, nullptr);
-  ASSERT_EQ(routines_.at(AlertsManager::kGetAlertsRoutine)("", 0, &response, &length), status::Ok);
-  EXPECT_NE(std::string(response, length).find(kept), std::string::npos);
-  delete[] response;
-}
-
 TEST_F(AlertsManagerTests, PurgeRemovesByAgeOfLastUpdate) {
-  struct Case {
-    int64_t days;
-    int flags;
-    long removed;
-    const char* left;  // types still stored, oldest first
-  };
-  const Case cases[] = {
+  // left: types still stored, oldest first
+  const std::tuple<int64_t, int, long, const char*> cases[] = {
       {30, 0, 2, "Late"},
       {60, 0, 1, "MiddleLate"},
       {30, AlertsManager::kPurgeKeepUnsent, 1, "OldLate"},  // Middle was sent
       {0, 0, 3, ""},
-      {-1, 0, status::NotAvailable, "OldMiddleLate"},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(std::to_string(c.days) + " days, flags " + std::to_string(c.flags));
+      {-1, 0, status::NotAvailable, "OldMiddleLate"}};
+  for (const auto& [days, flags, removed, wantLeft] : cases) {
+    SCOPED_TRACE(std::to_string(days) + " days, flags " + std::to_string(flags));
     manager_->removeAllAlerts();
     Add("Old", 1, 0);
     manager_->markAlertAsSent(Add("Middle", 1, 50 * kDay));
     Add("Late", 1, 95 * kDay);
     now_ = 100 * kDay;
-    EXPECT_EQ(manager_->purgeAlerts(c.days, c.flags), c.removed);
+    EXPECT_EQ(manager_->purgeAlerts(days, flags), removed);
     std::string left;
     std::string json;
     manager_->listAlerts(json, 0);
@@ -166,7 +141,7 @@ TEST_F(AlertsManagerTests, PurgeRemovesByAgeOfLastUpdate) {
         left += type;
       }
     }
-    EXPECT_EQ(left, c.left);
+    EXPECT_EQ(left, wantLeft);
   }
 
   // An update renews an alert's age.
@@ -200,13 +175,7 @@ TEST_F(AlertsManagerTests, UpdateSetsSchemaAndHandsOnAgain) {
 }
 
 TEST_F(AlertsManagerTests, RemoveMatchesTypeSchemaAndCode) {
-  struct Case {
-    const char* type;
-    DataSchema schema;
-    const char* code;
-    long result;
-  };
-  const Case cases[] = {
+  const std::tuple<const char*, DataSchema, const char*, long> cases[] = {
       {"X", KroAlerts::UNKNOWN, "1", 1},  // not the X 1 that was moved to SYSTEM
       {"X", KroAlerts::SYSTEM, "1", 1},
       {"X", KroAlerts::UNKNOWN, "-1", 1},  // 4294967295 as "%d" prints it
@@ -216,11 +185,10 @@ TEST_F(AlertsManagerTests, RemoveMatchesTypeSchemaAndCode) {
       {"x", KroAlerts::UNKNOWN, nullptr, 0},
       {"X", KroAlerts::JOB, nullptr, 0},
       {"X", KroAlerts::UNKNOWN, "1x", status::MalformedData},
-      {nullptr, KroAlerts::UNKNOWN, "1", status::NotAvailable},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(std::string(c.type ? c.type : "(null)") + " " + std::to_string(c.schema) + " " +
-                 (c.code ? c.code : "(null)"));
+      {nullptr, KroAlerts::UNKNOWN, "1", status::NotAvailable}};
+  for (const auto& [type, schema, code, result] : cases) {
+    SCOPED_TRACE(std::string(type ? type : "(null)") + " " + std::to_string(schema) + " " +
+                 (code ? code : "(null)"));
     manager_->removeAllAlerts();
     Add("X", 1);
     manager_->updateAlert(Alert("X", 1, 0, true), KroAlerts::SYSTEM);
@@ -229,8 +197,8 @@ TEST_F(AlertsManagerTests, RemoveMatchesTypeSchemaAndCode) {
     Add("X", 2);
     Add("X", 4294967295u);
     Add("Y", 1);
-    EXPECT_EQ(manager_->removeAlerts(c.type, c.schema, c.code), c.result);
-    EXPECT_EQ(manager_->getAlertCount(0), 5 - (c.result > 0 ? c.result : 0));
+    EXPECT_EQ(manager_->removeAlerts(type, schema, code), result);
+    EXPECT_EQ(manager_->getAlertCount(0), 5 - (result > 0 ? result : 0));
   }
 }
 
@@ -310,37 +278,6 @@ TEST_F(AlertsManagerTests, RoutineAnswersTheRequestedNewestAlertsAndTheTotal) {
     }
     EXPECT_EQ(listed, c.ids);
   }
-}
-
-TEST_F(AlertsManagerTests, LeavesAnotherRoutineOfTheSameNameAlone) {
-  kro::test::AlertRoutines routines;
-  routines[AlertsManager::kGetAlertsRoutine] = [](const char*, size_t, const char**, size_t*) {
-    return 42L;
-  };
-  kro::test::TempDir dir;
-  auto manager = kro::test::OpenAlerts(callbacks_, dir.Path(), routines);
-  ASSERT_NE(manager, nullptr);
-  EXPECT_EQ(routines.at(AlertsManager::kGetAlertsRoutine)(nullptr, 0, nullptr, nullptr), 42L);
-}
-
-TEST_F(AlertsManagerTests, TypeTextIsCutToTheBuffer) {
-  struct Case {
-    size_t size;
-    int result;
-    const char* text;
-  };
-  const Case cases[] = {{100, 8, "DiskFull"}, {9, 8, "DiskFull"}, {4, 8, "Dis"}, {1, 8, ""}};
-  const Alert alert("DiskFull", 1, 0, true);
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.size);
-    char buffer[100];
-    std::memset(buffer, 'z', sizeof(buffer));
-    EXPECT_EQ(alert.getType(buffer, c.size), c.result);
-    EXPECT_STREQ(buffer, c.text);
-  }
-  char one[1];
-  EXPECT_EQ(alert.getType(one, 0), -1);
-  EXPECT_EQ(alert.getType(nullptr, 10), -1);
 }
 
 }  // namespace

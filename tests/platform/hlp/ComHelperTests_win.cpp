@@ -33,26 +33,4 @@ TEST_F(ComHelperTests, InitsAreBalancedOnTheirThread) {
   });
 }
 
-TEST_F(ComHelperTests, SingleThreadedApartmentIsUsableAndLeftAlone) {
-  OnFreshThread([] {
-    ASSERT_EQ(CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED), S_OK);
-    EXPECT_EQ(hlp::ComHelper::ThreadInit(), 0);
-    hlp::ComHelper::ThreadDeinit();
-    // The caller's own initialisation must survive: still initialised, so S_FALSE.
-    EXPECT_EQ(CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED), S_FALSE);
-    CoUninitialize();
-    CoUninitialize();
-  });
-}
-
-TEST_F(ComHelperTests, DeinitOnAnotherThreadReleasesNothingHere) {
-  OnFreshThread([] {
-    ASSERT_EQ(hlp::ComHelper::ThreadInit(), 0);
-    OnFreshThread([] { hlp::ComHelper::ThreadDeinit(); });
-    EXPECT_EQ(CoInitializeEx(nullptr, COINIT_MULTITHREADED), S_FALSE);
-    CoUninitialize();
-    hlp::ComHelper::ThreadDeinit();
-  });
-}
-
 }  // namespace

@@ -6,9 +6,7 @@
 
 namespace {
 
-class HttpStatusTests : public testing::Test {};
-
-TEST_F(HttpStatusTests, EveryCodeTheAgentSendsHasItsRegisteredPhrase) {
+TEST(HttpStatusTests, EveryCodeTheAgentSendsHasItsRegisteredPhrase) {
   struct Case {
     unsigned status;
     const char* phrase;

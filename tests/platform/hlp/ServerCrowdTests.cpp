@@ -14,7 +14,7 @@
 
 #include "hlp/HttpServer.h"
 #include "hlp/SSLContext.h"
-#include "tests/platform/hlp/HttpTestSupport.h"
+#include "tests/support/HttpTestSupport.h"
 #include "tests/support/TestSupport.h"
 
 namespace {
@@ -39,7 +39,7 @@ int ThreadCount() {
 class ServerCrowdTests : public testing::Test {
  protected:
   void SetUp() override {
-    const std::string pem = kro::test::SelfSignedPem();
+    const std::string pem = kro::test::IssueCertificate("localhost").Pem();
     ASSERT_FALSE(pem.empty());
     ASSERT_EQ(tls_.UseCertificate(dir_.Write("ssl_cert.pem", pem).string()), 0);
     client_.set_verify_mode(boost::asio::ssl::verify_none);

@@ -1,9 +1,12 @@
-#include "tests/platform/hlp/HttpTestSupport.h"
+#include "tests/support/HttpTestSupport.h"
 
 #include <charconv>
+#include <utility>
 
 #include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/read.hpp>
 #include <boost/asio/write.hpp>
+#include <boost/beast/core/buffers_to_string.hpp>
 #include <boost/beast/http/read.hpp>
 
 #include <openssl/evp.h>
@@ -18,57 +21,25 @@ namespace beast = boost::beast;
 namespace http = beast::http;
 using tcp = asio::ip::tcp;
 
-std::string SelfSignedPem() {
-  EVP_PKEY* key = EVP_PKEY_Q_keygen(nullptr, nullptr, "EC", "P-256");
-  X509* certificate = X509_new();
-  std::string pem;
-  if (key != nullptr && certificate != nullptr) {
-    X509_set_version(certificate, 2);
-    ASN1_INTEGER_set(X509_get_serialNumber(certificate), 1);
-    X509_gmtime_adj(X509_getm_notBefore(certificate), -3600);
-    X509_gmtime_adj(X509_getm_notAfter(certificate), 24 * 3600);
-    X509_set_pubkey(certificate, key);
-    X509_NAME* name = X509_get_subject_name(certificate);
-    X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC,
-                               reinterpret_cast<const unsigned char*>("localhost"), -1, -1, 0);
-    X509_set_issuer_name(certificate, name);
-    BIO* out = BIO_new(BIO_s_mem());
-    if (X509_sign(certificate, key, EVP_sha256()) > 0 && PEM_write_bio_X509(out, certificate) &&
-        PEM_write_bio_PrivateKey(out, key, nullptr, nullptr, 0, nullptr, nullptr)) {
-      char* data = nullptr;
-      const long size = BIO_get_mem_data(out, &data);
-      pem.assign(data, static_cast<size_t>(size));
-    }
-    BIO_free(out);
-  }
-  X509_free(certificate);
-  EVP_PKEY_free(key);
-  return pem;
-}
-
 namespace {
 
-// The PEM form of `certificate` or `key` (whichever is not null).
-std::string ToPem(X509* certificate, EVP_PKEY* key) {
+// What `write` puts into a memory BIO, as text ("" when it fails).
+template <class Write>
+std::string ToPem(Write write) {
   BIO* out = BIO_new(BIO_s_mem());
-  std::string pem;
-  const bool written = certificate != nullptr ? PEM_write_bio_X509(out, certificate) == 1
-                                              : PEM_write_bio_PrivateKey(out, key, nullptr, nullptr,
-                                                                         0, nullptr, nullptr) == 1;
   char* data = nullptr;
-  const long size = written ? BIO_get_mem_data(out, &data) : 0;
-  if (size > 0) {
-    pem.assign(data, static_cast<size_t>(size));
-  }
+  const long size = write(out) == 1 ? BIO_get_mem_data(out, &data) : 0;
+  std::string pem(data != nullptr ? data : "", static_cast<size_t>(size));
   BIO_free(out);
   return pem;
 }
 
-bool AddExtension(X509* certificate, X509V3_CTX* context, int nid, const std::string& value) {
-  X509_EXTENSION* extension = X509V3_EXT_conf_nid(nullptr, context, nid, value.c_str());
-  const bool added = extension != nullptr && X509_add_ext(certificate, extension, -1) == 1;
-  X509_EXTENSION_free(extension);
-  return added;
+template <class Read>
+auto FromPem(const std::string& pem, Read read) {
+  BIO* in = BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size()));
+  auto object = read(in, nullptr, nullptr, nullptr);
+  BIO_free(in);
+  return object;
 }
 
 }  // namespace
@@ -76,60 +47,50 @@ bool AddExtension(X509* certificate, X509V3_CTX* context, int nid, const std::st
 TestCertificate IssueCertificate(const std::string& subject, const std::string& altNames,
                                  const TestCertificate* issuer, bool ca) {
   static std::atomic<long> serial{100};
-  TestCertificate result;
   EVP_PKEY* key = EVP_PKEY_Q_keygen(nullptr, nullptr, "EC", "P-256");
   X509* certificate = X509_new();
-  X509* issuerCertificate = nullptr;
-  EVP_PKEY* issuerKey = nullptr;
-  if (issuer != nullptr) {
-    BIO* in =
-        BIO_new_mem_buf(issuer->certificate.data(), static_cast<int>(issuer->certificate.size()));
-    issuerCertificate = PEM_read_bio_X509(in, nullptr, nullptr, nullptr);
-    BIO_free(in);
-    in = BIO_new_mem_buf(issuer->key.data(), static_cast<int>(issuer->key.size()));
-    issuerKey = PEM_read_bio_PrivateKey(in, nullptr, nullptr, nullptr);
-    BIO_free(in);
-  }
-  const bool issuerOk = issuer == nullptr || (issuerCertificate != nullptr && issuerKey != nullptr);
-  if (key != nullptr && certificate != nullptr && issuerOk) {
+  X509* signer = issuer != nullptr ? FromPem(issuer->certificate, PEM_read_bio_X509) : certificate;
+  EVP_PKEY* signingKey = issuer != nullptr ? FromPem(issuer->key, PEM_read_bio_PrivateKey) : key;
+  TestCertificate result;
+  if (key != nullptr && certificate != nullptr && signer != nullptr && signingKey != nullptr) {
     X509_set_version(certificate, 2);
-    ASN1_INTEGER_set(X509_get_serialNumber(certificate), serial.fetch_add(1));
+    ASN1_INTEGER_set(X509_get_serialNumber(certificate), serial++);
     X509_gmtime_adj(X509_getm_notBefore(certificate), -3600);
     X509_gmtime_adj(X509_getm_notAfter(certificate), 24 * 3600);
     X509_set_pubkey(certificate, key);
     X509_NAME_add_entry_by_txt(X509_get_subject_name(certificate), "CN", MBSTRING_ASC,
                                reinterpret_cast<const unsigned char*>(subject.c_str()), -1, -1, 0);
-    X509* signer = issuerCertificate != nullptr ? issuerCertificate : certificate;
     X509_set_issuer_name(certificate, X509_get_subject_name(signer));
     X509V3_CTX context;
     X509V3_set_ctx(&context, signer, certificate, nullptr, nullptr, 0);
-    bool extended = AddExtension(certificate, &context, NID_basic_constraints,
-                                 ca ? "critical,CA:TRUE" : "CA:FALSE") &&
-                    AddExtension(certificate, &context, NID_subject_key_identifier, "hash");
+    std::vector<std::pair<int, std::string>> extensions = {
+        {NID_basic_constraints, ca ? "critical,CA:TRUE" : "CA:FALSE"},
+        {NID_subject_key_identifier, "hash"}};
     if (ca) {
-      extended = extended &&
-                 AddExtension(certificate, &context, NID_key_usage, "critical,keyCertSign,cRLSign");
+      extensions.emplace_back(NID_key_usage, "critical,keyCertSign,cRLSign");
     }
     if (!altNames.empty()) {
-      extended = extended && AddExtension(certificate, &context, NID_subject_alt_name, altNames);
+      extensions.emplace_back(NID_subject_alt_name, altNames);
     }
-    if (extended &&
-        X509_sign(certificate, issuerKey != nullptr ? issuerKey : key, EVP_sha256()) > 0) {
-      result.certificate = ToPem(certificate, nullptr);
-      result.key = ToPem(nullptr, key);
+    for (const auto& [nid, value] : extensions) {
+      X509_EXTENSION* extension = X509V3_EXT_conf_nid(nullptr, &context, nid, value.c_str());
+      X509_add_ext(certificate, extension, -1);
+      X509_EXTENSION_free(extension);
+    }
+    if (X509_sign(certificate, signingKey, EVP_sha256()) > 0) {
+      result.certificate = ToPem([&](BIO* out) { return PEM_write_bio_X509(out, certificate); });
+      result.key = ToPem([&](BIO* out) {
+        return PEM_write_bio_PrivateKey(out, key, nullptr, nullptr, 0, nullptr, nullptr);
+      });
     }
   }
-  X509_free(issuerCertificate);
-  EVP_PKEY_free(issuerKey);
+  if (issuer != nullptr) {
+    X509_free(signer);
+    EVP_PKEY_free(signingKey);
+  }
   X509_free(certificate);
   EVP_PKEY_free(key);
   return result;
-}
-
-uint16_t UnusedPort() {
-  asio::io_context io;
-  tcp::acceptor acceptor(io, tcp::endpoint(asio::ip::make_address("127.0.0.1"), 0));
-  return acceptor.local_endpoint().port();
 }
 
 TestHandler::TestHandler(hlp::HttpServer& server, Serve serve)
@@ -264,6 +225,15 @@ long LiveServer::Stop() {
   return OnPollThread([this] { return server.Stop(); });
 }
 
+asio::ssl::context& TrustingTls() {
+  static asio::ssl::context context = [] {
+    asio::ssl::context trusting(asio::ssl::context::tls_client);
+    trusting.set_verify_mode(asio::ssl::verify_none);
+    return trusting;
+  }();
+  return context;
+}
+
 TestClient::TestClient(uint16_t port, asio::ssl::context* tls) {
   tcp::socket socket(io_);
   boost::system::error_code ec;
@@ -277,17 +247,24 @@ TestClient::TestClient(uint16_t port, asio::ssl::context* tls) {
     return;
   }
   secure_.emplace(std::move(socket), *tls);
-  connected_ = !Run(5s, [this](auto handler) {
-    secure_->async_handshake(asio::ssl::stream_base::client, std::move(handler));
-  });
+  secure_->next_layer().expires_after(5s);
+  secure_->async_handshake(asio::ssl::stream_base::client,
+                           [this](const boost::system::error_code& ec) { connected_ = !ec; });
+  io_.run_for(7s);
 }
 
+// Starts `operation` (given the stream and a completion handler) and runs it to its end.
 template <class Operation>
 boost::system::error_code TestClient::Run(std::chrono::milliseconds limit, Operation&& operation) {
   auto& lowest = secure_ ? secure_->next_layer() : *plain_;
   lowest.expires_after(limit);
   auto result = std::make_shared<std::optional<boost::system::error_code>>();
-  operation([result](const boost::system::error_code& ec, auto...) { *result = ec; });
+  auto done = [result](const boost::system::error_code& ec, auto...) { *result = ec; };
+  if (secure_) {
+    operation(*secure_, done);
+  } else {
+    operation(*plain_, done);
+  }
   io_.restart();
   // The stream's expiry ends the operation; the deadline here is a second guard.
   const auto deadline = std::chrono::steady_clock::now() + limit + 2s;
@@ -297,52 +274,45 @@ boost::system::error_code TestClient::Run(std::chrono::milliseconds limit, Opera
 }
 
 bool TestClient::Send(const std::string& bytes) {
-  if (!connected_) {
-    return false;
-  }
-  return !Run(5s, [&](auto handler) {
-    if (secure_) {
-      asio::async_write(*secure_, asio::buffer(bytes), std::move(handler));
-    } else {
-      asio::async_write(*plain_, asio::buffer(bytes), std::move(handler));
-    }
-  });
+  return connected_ && !Run(5s, [&](auto& stream, auto done) {
+           asio::async_write(stream, asio::buffer(bytes), done);
+         });
 }
 
-std::optional<http::response<http::string_body>> TestClient::ReadAnswer() {
-  if (!connected_) {
-    return std::nullopt;
-  }
-  http::response<http::string_body> answer;
-  const auto ec = Run(5s, [&](auto handler) {
-    if (secure_) {
-      http::async_read(*secure_, buffer_, answer, std::move(handler));
-    } else {
-      http::async_read(*plain_, buffer_, answer, std::move(handler));
-    }
-  });
-  if (ec) {
+std::optional<TestClient::Answer> TestClient::ReadAnswer() {
+  Answer answer;
+  if (!connected_ ||
+      Run(5s, [&](auto& stream, auto done) { http::async_read(stream, buffer_, answer, done); })) {
     return std::nullopt;
   }
   return answer;
 }
 
 bool TestClient::ClosedByServer(std::chrono::milliseconds limit) {
-  if (!connected_) {
-    return false;
-  }
-  if (buffer_.size() != 0) {
+  if (!connected_ || buffer_.size() != 0) {
     return false;  // more was sent than the answers read
   }
   char byte = 0;
-  const auto ec = Run(limit, [&](auto handler) {
-    if (secure_) {
-      secure_->async_read_some(asio::buffer(&byte, 1), std::move(handler));
-    } else {
-      plain_->async_read_some(asio::buffer(&byte, 1), std::move(handler));
-    }
+  const auto ec = Run(limit, [&](auto& stream, auto done) {
+    stream.async_read_some(asio::buffer(&byte, 1), done);
   });
   return ec && ec != beast::error::timeout && ec != asio::error::timed_out;
+}
+
+std::string TestClient::ReadAll(std::chrono::milliseconds limit) {
+  std::string raw = beast::buffers_to_string(buffer_.data());
+  buffer_.clear();
+  if (connected_) {
+    Run(limit, [&](auto& stream, auto done) {
+      asio::async_read(stream, asio::dynamic_buffer(raw), done);
+    });
+  }
+  return raw;
+}
+
+std::string Exchange(uint16_t port, const std::string& request, bool tls) {
+  TestClient client(port, tls ? &TrustingTls() : nullptr);
+  return client.Send(request) ? client.ReadAll() : std::string();
 }
 
 }  // namespace kro::test

@@ -5,7 +5,6 @@
 #include <cstdint>
 #include <functional>
 #include <future>
-#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -26,12 +25,11 @@
 #include "hlp/RequestInfo.h"
 #include "hlp/Socket.h"
 
+// Servers and clients on 127.0.0.1 for the tests of everything that speaks HTTP.
 namespace kro::test {
 
 using namespace std::chrono_literals;
 
-/** @brief A self-signed certificate for "localhost" followed by its private key, as PEM. */
-std::string SelfSignedPem();
 /** @brief A certificate and its private key, as PEM. */
 struct TestCertificate {
   std::string certificate;
@@ -45,10 +43,8 @@ struct TestCertificate {
  * ("DNS:localhost,IP:127.0.0.1", or "" for none), signed by `issuer` or self-signed when it is
  * null; `ca` makes it a certificate authority. Empty PEM on failure.
  */
-TestCertificate IssueCertificate(const std::string& subject, const std::string& altNames,
+TestCertificate IssueCertificate(const std::string& subject, const std::string& altNames = "",
                                  const TestCertificate* issuer = nullptr, bool ca = false);
-/** @brief A port on 127.0.0.1 that nothing listens on (bound once by the system, then released). */
-uint16_t UnusedPort();
 
 /**
  * @brief Serves each connection on a thread of its own, as the agent's worker pool does.
@@ -107,17 +103,25 @@ class LiveServer {
   std::thread poller_;
 };
 
-/** @brief A client on 127.0.0.1 (plain, or TLS when given a client context); every call is bounded.
+/** @brief A TLS client context that accepts any server (the tests' servers are self-signed). */
+boost::asio::ssl::context& TrustingTls();
+
+/**
+ * @brief A client on 127.0.0.1, plain or TLS (handshake included); every call is bounded.
  */
 class TestClient {
  public:
+  using Answer = boost::beast::http::response<boost::beast::http::string_body>;
+
   explicit TestClient(uint16_t port, boost::asio::ssl::context* tls = nullptr);
 
   bool Connected() const { return connected_; }
   bool Send(const std::string& bytes);
-  std::optional<boost::beast::http::response<boost::beast::http::string_body>> ReadAnswer();
+  std::optional<Answer> ReadAnswer();
   /** @brief True when the server ends the connection within `limit` without sending more. */
   bool ClosedByServer(std::chrono::milliseconds limit = 5s);
+  /** @brief The bytes as they come until the server closes the connection or `limit` passes. */
+  std::string ReadAll(std::chrono::milliseconds limit = 5s);
 
  private:
   template <class Operation>
@@ -129,5 +133,8 @@ class TestClient {
   boost::beast::flat_buffer buffer_;
   bool connected_ = false;
 };
+
+/** @brief Sends `request` on a new connection; all the answer's bytes, "" when none came. */
+std::string Exchange(uint16_t port, const std::string& request, bool tls = false);
 
 }  // namespace kro::test
