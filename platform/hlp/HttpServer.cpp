@@ -73,9 +73,7 @@ ServerCore::ServerCore()
       maxConnections(WinsockHelper::ConnectionLimit(kDefaultMaxConnections)) {}
 
 ServerCore::~ServerCore() {
-  for (const auto& [session, which] : link->Cut()) {
-    session->Returned(which);
-  }
+  link->Cut();
   CloseListeners();
   CloseConnections();
   // Lets every cancelled wait finish now, so that no handler keeps a connection (and with it
@@ -128,7 +126,6 @@ void ServerCore::Admit(const std::shared_ptr<Listener>& listener, tcp::socket so
     socket.close(ignored);
     return;
   }
-  EnterReturned();  // so that the idle ones among them can make room
   if (open.size() >= maxConnections.load()) {
     // Full: the connection that has waited longest for its request makes room, so that slow
     // or idle peers can never lock a quick one out. With none waiting, the newcomer goes.
@@ -218,12 +215,6 @@ void ServerCore::RenewLoop() {
   ReturnFreeMemory();
 }
 
-void ServerCore::EnterReturned() {
-  for (const auto& [session, which] : link->TakeReturned()) {
-    session->Returned(which);
-  }
-}
-
 void ServerCore::WakeBudgetQueue() {
   while (!budgetQueue.empty() && budget->used.load() < budget->limit.load()) {
     const std::shared_ptr<Session> session = budgetQueue.front().lock();
@@ -289,7 +280,6 @@ void ServerCore::CloseListeners() {
 }
 
 void ServerCore::CloseConnections() {
-  EnterReturned();
   std::vector<std::shared_ptr<Session>> all;
   all.reserve(open.size());
   for (const auto& entry : open) {
@@ -375,7 +365,6 @@ long HttpServer::Poll() {
     if (idleWait.count() == 0 || core.Io().run_one_until(start + idleWait) != 0) {
       core.Io().poll();
     }
-    core.EnterReturned();
     if (core.renewDue) {
       core.RenewLoop();
     }

@@ -111,8 +111,6 @@ struct ServerCore {
   void CloseConnections();
   /** @brief A closed connection leaves the books. */
   void Forget(Session* session);
-  /** @brief Enters the connections workers handed back quietly in the books. */
-  void EnterReturned();
   /** @brief Lets waiting bodies read on while the budget has room. */
   void WakeBudgetQueue();
   /**

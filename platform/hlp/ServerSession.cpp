@@ -117,32 +117,9 @@ void LoopLink::Exclusive(const std::function<void()>& change) {
   change();
 }
 
-bool LoopLink::Return(const std::shared_ptr<Session>& session) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  if (core_ == nullptr) {
-    return false;
-  }
-  const uint64_t which = ++session->returns;
-  session->pendingReturn.store(which);
-  returned_.emplace_back(session, which);
-  // Started under the lock, so that the loop cannot be replaced in between; its handler runs
-  // on the loop and enters the connection in the books first, should it be the quicker.
-  session->plain->async_wait(asio::socket_base::wait_read, [session, which](const error_code& ec) {
-    session->Returned(which);
-    session->OnReadable(ec);
-  });
-  return true;
-}
-
-std::vector<LoopLink::Returned> LoopLink::TakeReturned() {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return std::exchange(returned_, {});
-}
-
-std::vector<LoopLink::Returned> LoopLink::Cut() {
+void LoopLink::Cut() {
   std::lock_guard<std::mutex> lock(mutex_);
   core_ = nullptr;
-  return std::exchange(returned_, {});
 }
 
 // ---- Session ----------------------------------------------------------------------------------
@@ -586,22 +563,6 @@ void Session::CloseNow() {
   }
 }
 
-void Session::Returned(uint64_t which) {
-  if (!pendingReturn.compare_exchange_strong(which, 0)) {
-    return;
-  }
-  if (phase == Phase::kClosed) {
-    Release();  // closed while a worker had it
-    return;
-  }
-  phase = Phase::kWriting;  // the loop's again; the wait for the peer is already under way
-  if (closing.load()) {
-    CloseNow();
-    return;
-  }
-  EnterHead();
-}
-
 void Session::Release() {
   if (forgotten_) {
     return;
@@ -637,16 +598,6 @@ bool Session::TakeBufferedRequest() {
   in.erase(0, headSize + static_cast<size_t>(bodyLength));
   searched = 0;
   return true;
-}
-
-bool Session::ReturnQuietly() {
-  if (!plain || !in.empty() || outSent != out.size() || peerDone || closing.load()) {
-    return false;
-  }
-  out.clear();
-  outSent = 0;
-  Trim(out);
-  return link->Return(shared_from_this());
 }
 
 void Session::Send(const char* data, size_t length) {

@@ -13,8 +13,6 @@
 #include <mutex>
 #include <optional>
 #include <string>
-#include <utility>
-#include <vector>
 
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
@@ -41,23 +39,11 @@ class LoopLink {
   bool Post(std::function<void(ServerCore&)> work);
   /** @brief Runs `change` (on the loop thread) while no worker can post. */
   void Exclusive(const std::function<void()>& change);
-  /**
-   * @brief A worker hands `session` back for its next request without waking the loop: its
-   * wait for the peer starts here, and the loop enters it in its books at its next turn.
-   * False (nothing done) once the server is gone.
-   */
-  bool Return(const std::shared_ptr<Session>& session);
-  /** @brief A connection handed back quietly, and which of its hand-backs. */
-  using Returned = std::pair<std::shared_ptr<Session>, uint64_t>;
-  /** @brief Loop: the connections handed back since the last call. */
-  std::vector<Returned> TakeReturned();
-  /** @brief The server is going: nothing is posted or returned any more; returns what was. */
-  std::vector<Returned> Cut();
+  void Cut();
 
  private:
   std::mutex mutex_;
   ServerCore* core_;
-  std::vector<Returned> returned_;
 };
 
 /** @brief What looking for the next request in a connection's input found. */
@@ -106,12 +92,6 @@ struct Session : std::enable_shared_from_this<Session> {
   void Resume(bool next);
   /** @brief Closes at once, answer or not (time-out, eviction, server stop). */
   void CloseNow();
-  /**
-   * @brief Enters a connection a worker handed back quietly in the books. Both the wait for
-   * the peer and the loop's next turn call it; only the first call for hand-back `which`
-   * counts, and one for an earlier hand-back (the connection served again since) none.
-   */
-  void Returned(uint64_t which);
   /** @brief Room came free in the body budget: reads on. */
   void ResumeBody();
 
@@ -122,12 +102,6 @@ struct Session : std::enable_shared_from_this<Session> {
    * request to refuse) is left for the loop.
    */
   bool TakeBufferedRequest();
-  /**
-   * @brief Hands the connection back for its next request without a post to the loop, where
-   * nothing is left for the loop to do first (a plain connection, its answer all out, nothing
-   * read ahead): true when done, else the caller posts Resume.
-   */
-  bool ReturnQuietly();
   /** @brief Sends what it can at once on a plain connection and keeps the rest for the loop. */
   void Send(const char* data, size_t length);
   /** @brief Gives the body's bytes back to the budget. */
@@ -178,10 +152,6 @@ struct Session : std::enable_shared_from_this<Session> {
   size_t outSent = 0;
   bool handshakeDone = false;
   bool peerDone = false;  // the peer closed or failed: nothing more to read, no polite close
-  uint64_t returns = 0;   // hand-backs so far; touched by the connection's owner
-  // The hand-back not yet in the loop's books, or 0: claimed by the loop with one exchange,
-  // which also makes everything the worker wrote before it visible.
-  std::atomic<uint64_t> pendingReturn{0};
   std::atomic<bool> closing{false};  // the server is stopping: every operation fails
 
  private:
@@ -190,11 +160,7 @@ struct Session : std::enable_shared_from_this<Session> {
   void LeaveBody();
   void Process();
   void ReadMore();
-
- public:
   void OnReadable(const boost::system::error_code& ec);
-
- private:
   void Received(const char* data, size_t size);
   void Dispatch();
   void Refuse(unsigned status, const char* text);

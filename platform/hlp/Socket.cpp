@@ -50,9 +50,6 @@ void AcceptedSocket::Release(bool next) {
   }
   try {
     session->DropBody();
-    if (next && session->ReturnQuietly()) {
-      return;
-    }
     // Posted even when the server is gone: then nothing runs, and the socket closes with the
     // last reference.
     session->link->Post([served = session, next](ServerCore&) { served->Resume(next); });
