@@ -12,6 +12,7 @@
 
 #include <cerrno>
 #include <chrono>
+#include <condition_variable>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -404,66 +405,45 @@ namespace detail {
 
 bool CanonicalHostName(const std::string& host, std::chrono::milliseconds limit,
                        std::string& name) {
-  // The C library finishes a lookup it has begun even when it is given up on, and writes into
-  // the request then: such a request is kept (never freed under it) and freed by a later
-  // call once it is over.
+  // The look-up runs on a thread of its own that nobody waits for beyond `limit`: the C
+  // library cannot be told to give a look-up up, so one that is late finishes on its own and
+  // leaves its answer where only that thread still looks.
   struct Lookup {
-    std::string host;
-    addrinfo hints{};
-    gaicb request{};
-    ~Lookup() {
-      if (request.ar_result != nullptr) {
-        freeaddrinfo(request.ar_result);
-      }
-    }
+    std::mutex mutex;
+    std::condition_variable done;
+    bool finished = false;
+    std::string canonical;
   };
-  static std::mutex abandonedMutex;
-  static auto* abandoned = new std::vector<std::unique_ptr<Lookup>>();  // outlives every lookup
-  {
-    std::lock_guard<std::mutex> lock(abandonedMutex);
-    std::erase_if(*abandoned, [](const std::unique_ptr<Lookup>& old) {
-      return gai_error(&old->request) != EAI_INPROGRESS;
-    });
-  }
-  auto lookup = std::make_unique<Lookup>();
-  lookup->host = host;
-  lookup->hints.ai_family = AF_UNSPEC;
-  lookup->hints.ai_flags = AI_CANONNAME;
-  lookup->request.ar_name = lookup->host.c_str();
-  lookup->request.ar_request = &lookup->hints;
-  gaicb* requests[] = {&lookup->request};
-  if (getaddrinfo_a(GAI_NOWAIT, requests, 1, nullptr) != 0) {
-    return false;
-  }
-  const auto deadline = std::chrono::steady_clock::now() + limit;
-  int result = gai_error(&lookup->request);
-  while (result == EAI_INPROGRESS) {
-    const auto left = std::chrono::duration_cast<std::chrono::nanoseconds>(
-        deadline - std::chrono::steady_clock::now());
-    if (left.count() <= 0) {
-      break;
+  try {
+    auto lookup = std::make_shared<Lookup>();
+    std::thread([lookup, host] {
+      addrinfo hints{};
+      hints.ai_family = AF_UNSPEC;
+      hints.ai_flags = AI_CANONNAME;
+      addrinfo* found = nullptr;
+      std::string canonical;
+      if (getaddrinfo(host.c_str(), nullptr, &hints, &found) == 0 && found != nullptr &&
+          found->ai_canonname != nullptr) {
+        canonical = found->ai_canonname;
+      }
+      if (found != nullptr) {
+        freeaddrinfo(found);
+      }
+      std::lock_guard<std::mutex> lock(lookup->mutex);
+      lookup->canonical = std::move(canonical);
+      lookup->finished = true;
+      lookup->done.notify_all();
+    }).detach();
+    std::unique_lock<std::mutex> lock(lookup->mutex);
+    if (!lookup->done.wait_for(lock, limit, [&] { return lookup->finished; }) ||
+        lookup->canonical.empty()) {
+      return false;
     }
-    const timespec wait{static_cast<time_t>(left.count() / 1000000000),
-                        static_cast<long>(left.count() % 1000000000)};
-    gai_suspend(requests, 1, &wait);
-    result = gai_error(&lookup->request);
+    name = lookup->canonical;
+    return true;
+  } catch (...) {
+    return false;  // no thread to look with
   }
-  if (result == EAI_INPROGRESS && gai_cancel(&lookup->request) == EAI_NOTCANCELED) {
-    std::lock_guard<std::mutex> lock(abandonedMutex);
-    try {
-      abandoned->push_back(std::move(lookup));
-    } catch (...) {
-      lookup.release();  // lost rather than freed while the library still writes into it
-    }
-    return false;
-  }
-  const addrinfo* found = lookup->request.ar_result;
-  if (gai_error(&lookup->request) != 0 || found == nullptr || found->ai_canonname == nullptr ||
-      *found->ai_canonname == '\0') {
-    return false;
-  }
-  name = found->ai_canonname;
-  return true;
 }
 
 }  // namespace detail
