@@ -27,7 +27,7 @@ class KroAgentTests : public testing::Test {
     kro::WriteRegistryString(std::to_wstring(kro::test::FreeTcpPort()), kArbaloKey, L"AgentUIPort");
     agentPort_ = kro::test::FreeTcpPort();
     // The management server of the file is down: reports fail at once and are retried later.
-    WriteSettings("HomeName:127.0.0.1,HomePort:" + std::to_string(kro::test::FreeTcpPort()) +
+    WriteSettings("HomeName:127.0.0.1,HomePort:" + std::to_string(homeDown_.Port()) +
                   ",HomeSSL:N,AgentPort:" + std::to_string(agentPort_) +
                   ",AgentSSL:N,StartupMode:Paused,BAPhase1:0,BAPhase2:24,BAPhase3:48,"
                   "BAPhase4:12\n");
@@ -62,6 +62,7 @@ class KroAgentTests : public testing::Test {
 
   kro::test::ScopedRegistry registry_;
   kro::test::TempDir install_;
+  const kro::test::RefusingPort homeDown_;
   uint16_t agentPort_ = 0;
 };
 

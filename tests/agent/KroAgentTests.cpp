@@ -129,7 +129,8 @@ TEST_F(KroAgentTests, UpdateDialHomeInfoWritesOnlySettingsWhoseServerAnswers) {
     ASSERT_EQ(agent.Init(), 0);
     ASSERT_EQ(agent.MainThreadInit(&agent), 0);  // the dial-home client and the server
     // Refused, nothing written: a server that does not answer, a member of the wrong type.
-    EXPECT_LT(update(agent, R"({"HomePort":)" + std::to_string(kro::test::FreeTcpPort()) + "}"), 0);
+    const kro::test::RefusingPort refusing;
+    EXPECT_LT(update(agent, R"({"HomePort":)" + std::to_string(refusing.Port()) + "}"), 0);
     EXPECT_LT(update(agent, R"({"AgentPort":"x"})"), 0);
     EXPECT_FALSE(std::filesystem::exists(target));
     {

@@ -184,7 +184,8 @@ TEST_F(DialHomeTests, NotEnrolledSendsNothingAndSchedulesNoRetry) {
 }
 
 TEST_F(DialHomeTests, FailuresClimbTheRetryLadderAndSuccessResetsIt) {
-  Enrol(test::FreeTcpPort());
+  const test::RefusingPort refusing;
+  Enrol(refusing.Port());
   dialHome_.AddAlert(R"({"id":"a1"})");
   for (const uint32_t expected : {15u, 60u, 240u, 0u}) {
     SCOPED_TRACE(expected);

@@ -73,6 +73,20 @@ uint16_t FreeTcpPort() {
       .port();
 }
 
+struct RefusingPort::State {
+  boost::asio::io_context io;
+  boost::asio::ip::tcp::socket socket{io};
+};
+
+RefusingPort::RefusingPort() : state_(std::make_unique<State>()) {
+  // No SO_REUSEADDR: a listener of another test cannot share the port either.
+  state_->socket.open(boost::asio::ip::tcp::v4());
+  state_->socket.bind({boost::asio::ip::address_v4::loopback(), 0});
+  port_ = state_->socket.local_endpoint().port();
+}
+
+RefusingPort::~RefusingPort() = default;
+
 struct LoopbackListener::State {
   boost::asio::io_context io;
   boost::asio::ip::tcp::acceptor acceptor{io, {boost::asio::ip::address_v4::loopback(), 0}};

@@ -32,6 +32,25 @@ std::string ReadFile(const std::filesystem::path& file);
 uint16_t FreeTcpPort();
 
 /**
+ * @brief Holds a loopback port bound but not listening, for as long as it lives: connecting is
+ * refused, and no other test can be handed the port meanwhile (a port merely found free can be).
+ */
+class RefusingPort {
+ public:
+  RefusingPort();
+  ~RefusingPort();
+  RefusingPort(const RefusingPort&) = delete;
+  RefusingPort& operator=(const RefusingPort&) = delete;
+
+  uint16_t Port() const { return port_; }
+
+ private:
+  struct State;
+  std::unique_ptr<State> state_;
+  uint16_t port_ = 0;
+};
+
+/**
  * @brief A socket listening on a free loopback port that never accepts: connections complete
  * in the system's backlog and wait. Closing it resets them.
  */

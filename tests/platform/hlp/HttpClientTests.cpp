@@ -65,6 +65,7 @@ TEST(HttpClientTests, RequestsArriveIntactAndAnswersComeBack) {
 
 TEST(HttpClientTests, FailuresEndWithinTheirTimeOuts) {
   kro::test::LoopbackListener silent;  // connections complete, nothing ever answers
+  const kro::test::RefusingPort refusing;
   struct Case {
     const char* name;
     uint16_t port;
@@ -72,7 +73,7 @@ TEST(HttpClientTests, FailuresEndWithinTheirTimeOuts) {
     bool connects;
     std::chrono::milliseconds atLeast;
   };
-  const Case cases[] = {{"refused", kro::test::FreeTcpPort(), false, false, 0ms},
+  const Case cases[] = {{"refused", refusing.Port(), false, false, 0ms},
                         {"silent to the request", silent.Port(), false, true, 400ms},
                         {"silent to the handshake", silent.Port(), true, false, 400ms}};
   for (const Case& row : cases) {
