@@ -234,10 +234,10 @@ asio::ssl::context& TrustingTls() {
   return context;
 }
 
-TestClient::TestClient(uint16_t port, asio::ssl::context* tls) {
+TestClient::TestClient(uint16_t port, asio::ssl::context* tls, const std::string& address) {
   tcp::socket socket(io_);
   boost::system::error_code ec;
-  socket.connect(tcp::endpoint(asio::ip::make_address("127.0.0.1"), port), ec);
+  socket.connect(tcp::endpoint(asio::ip::make_address(address), port), ec);
   if (ec) {
     return;
   }
@@ -310,8 +310,9 @@ std::string TestClient::ReadAll(std::chrono::milliseconds limit) {
   return raw;
 }
 
-std::string Exchange(uint16_t port, const std::string& request, bool tls) {
-  TestClient client(port, tls ? &TrustingTls() : nullptr);
+std::string Exchange(uint16_t port, const std::string& request, bool tls,
+                     const std::string& address) {
+  TestClient client(port, tls ? &TrustingTls() : nullptr, address);
   return client.Send(request) ? client.ReadAll() : std::string();
 }
 

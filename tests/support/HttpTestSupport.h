@@ -107,13 +107,15 @@ class LiveServer {
 boost::asio::ssl::context& TrustingTls();
 
 /**
- * @brief A client on 127.0.0.1, plain or TLS (handshake included); every call is bounded.
+ * @brief A client of `address` (127.0.0.1 unless told), plain or TLS (handshake included); every
+ * call is bounded.
  */
 class TestClient {
  public:
   using Answer = boost::beast::http::response<boost::beast::http::string_body>;
 
-  explicit TestClient(uint16_t port, boost::asio::ssl::context* tls = nullptr);
+  explicit TestClient(uint16_t port, boost::asio::ssl::context* tls = nullptr,
+                      const std::string& address = "127.0.0.1");
 
   bool Connected() const { return connected_; }
   bool Send(const std::string& bytes);
@@ -135,6 +137,7 @@ class TestClient {
 };
 
 /** @brief Sends `request` on a new connection; all the answer's bytes, "" when none came. */
-std::string Exchange(uint16_t port, const std::string& request, bool tls = false);
+std::string Exchange(uint16_t port, const std::string& request, bool tls = false,
+                     const std::string& address = "127.0.0.1");
 
 }  // namespace kro::test
