@@ -116,6 +116,28 @@ TEST_F(LiveServerTests, ServesFilesRoutinesAndRefusals) {
   }
 }
 
+// Only the console and the agent serve browsers; a server of another component serves components.
+TEST_F(LiveServerTests, AServerOfAnotherComponentRefusesWhatIsNotAComponent) {
+  install_.Write("User Interface/KroSysMgr/a.html", "a");
+  StartServer({{port_, false}}, L"", "KroSysMgr");
+  const std::tuple<const char*, std::string, const char*> cases[] = {
+      {"browser", Request("GET", "/kro/KroSysMgr/a.html", kBrowser), "HTTP/1.1 406 Not Acceptable"},
+      {"no user agent", Request("GET", "/kro/KroSysMgr/a.html", ""), "HTTP/1.1 406 Not Acceptable"},
+      {"unknown component", Request("POST", "/kro/x", "KroFoo/1.2", "Authentication"),
+       "HTTP/1.1 406 Not Acceptable"},
+      {"component", Request("POST", "/kro/x", "KroMaster/1.2", "Authentication"), "HTTP/1.1 200 "},
+      {"old browser", Request("GET", "/kro/x", "Mozilla/4.0 (MSIE 6.0)"),
+       "<html><head><title>Error - Arbalo Management Console</title></head><body><h2>Arbalo "
+       "Management Console requires Internet Explorer version 9 or greater.</h2><br>"},
+  };
+  for (const auto& [name, request, wantAnswer] : cases) {
+    SCOPED_TRACE(name);
+    const std::string answer = Exchange(port_, request);
+    EXPECT_EQ(answer.rfind(wantAnswer, 0), 0u) << answer;
+  }
+  EXPECT_NE(Exchange(port_, std::get<1>(cases[0])).find("Unsupported Client"), std::string::npos);
+}
+
 // The session gate must judge the path the router serves, whatever spelling reaches it.
 TEST_F(LiveServerTests, ConsoleServerPagesNeedASessionHoweverTheyAreSpelled) {
   install_.Write("User Interface/master/secret.html", "secret");
