@@ -188,17 +188,32 @@ TEST_F(LiveServerTests, PortChangeMovesTheListenerAndAFailedRestartStillTakesThe
   }
 }
 
-TEST_F(LiveServerTests, ServesTlsWithCertificateBesideTheHost) {
+// With "manager_ca.pem" beside the host, the TLS port admits only callers that CA certified.
+TEST_F(LiveServerTests, ServesTlsWithCertificateBesideTheHostClosedToStrangersOnRequest) {
+  using kro::test::IssueCertificate;
   std::wstring folder;
   ASSERT_EQ(GetHostDirectory(folder), status::Ok);
   const std::filesystem::path pem = std::filesystem::path(folder) / "ssl_cert.pem";
-  kro::test::WriteFile(pem, kro::test::IssueCertificate("127.0.0.1").Pem());
+  const std::filesystem::path caFile = std::filesystem::path(folder) / "manager_ca.pem";
+  const auto ca = IssueCertificate("Kro Manager CA", "", nullptr, true);
+  const auto member = IssueCertificate("component", "", &ca);
+  kro::test::WriteFile(pem, IssueCertificate("127.0.0.1").Pem());
+  kro::test::WriteFile(caFile, ca.certificate);
   const uint16_t plain = kro::test::FreeTcpPort();
   StartServer({{port_, true}, {plain, false}}, L"ssl_cert.pem");
   std::filesystem::remove(pem);
+  std::filesystem::remove(caFile);
 
+  boost::asio::ssl::context certified(boost::asio::ssl::context::tls_client);
+  certified.set_verify_mode(boost::asio::ssl::verify_none);
+  certified.use_certificate(boost::asio::buffer(member.certificate),
+                            boost::asio::ssl::context::pem);
+  certified.use_private_key(boost::asio::buffer(member.key), boost::asio::ssl::context::pem);
   const std::string request = Request("GET", "/arbalo/index.html", kBrowser);
-  EXPECT_EQ(Exchange(port_, request, true).rfind("HTTP/1.1 200 ", 0), 0u);
+  kro::test::TestClient admitted(port_, &certified);
+  ASSERT_TRUE(admitted.Send(request));
+  EXPECT_EQ(admitted.ReadAll().rfind("HTTP/1.1 200 ", 0), 0u);
+  EXPECT_EQ(Exchange(port_, request, true), "");  // no certificate: never answered
   EXPECT_EQ(Exchange(plain, request).rfind("HTTP/1.1 200 ", 0), 0u);
   EXPECT_EQ(Exchange(port_, request).rfind("HTTP/1.1 200 ", 0), std::string::npos);
 }
