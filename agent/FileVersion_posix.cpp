@@ -11,7 +11,7 @@
 
 #include "agent/InstalledProducts.h"
 #include "agent/KroVersion.h"
-#include "common/KroStatus.h"
+#include "core/KroStatus.h"
 
 namespace KroAgent::detail {
 

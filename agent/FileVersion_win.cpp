@@ -9,8 +9,8 @@
 #include <string_view>
 
 #include "agent/InstalledProducts.h"
-#include "common/KroStatus.h"
 #include "common/WinHelper.h"
+#include "core/KroStatus.h"
 
 namespace KroAgent::detail {
 

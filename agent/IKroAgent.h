@@ -2,7 +2,7 @@
 
 #include <functional>
 
-#include "agent/KroAgentTypes.h"
+#include "core/KroAgentTypes.h"
 
 #if defined(_WIN32)
 #define KRO_INTERFACE

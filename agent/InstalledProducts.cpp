@@ -10,9 +10,9 @@
 #include <system_error>
 
 #include "agent/KroVersion.h"
-#include "common/KroStatus.h"
 #include "common/SettingsText.h"
 #include "common/WinHelper.h"
+#include "core/KroStatus.h"
 #include "hlp/Json.h"
 #include "logging_support/logging_support.h"
 

@@ -6,8 +6,8 @@
 
 #include "agent/AlertAgentCallbacks.h"
 #include "agent/IKroAgent.h"
-#include "agent/RoutineTable.h"
 #include "alerts/DataSchema.h"
+#include "core/RoutineTable.h"
 #include "dialhome/DialHomeInfo.h"
 #include "dialhome/EndNodeDialHome.h"
 #include "dialhome/EndNodeModifyPort.h"

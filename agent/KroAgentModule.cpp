@@ -10,9 +10,9 @@
 #include "agent/KroVersion.h"
 #include "agent/ModuleState.h"
 #include "common/FilePath.h"
-#include "common/KroStatus.h"
 #include "common/WinHelper.h"
 #include "config/KroConfigurationManager.h"
+#include "core/KroStatus.h"
 #include "hlp/OpenSSL.h"
 #include "logging_support/logging_support.h"
 

@@ -14,7 +14,7 @@
 #include <optional>
 #include <system_error>
 
-#include "common/KroStatus.h"
+#include "core/KroStatus.h"
 
 namespace kro {
 

@@ -8,7 +8,7 @@
 #include <string>
 #include <utility>
 
-#include "common/KroStatus.h"
+#include "core/KroStatus.h"
 #include "hlp/Base64.h"
 #include "logging_support/logging_support.h"
 

@@ -21,9 +21,9 @@
 #include <thread>
 #include <vector>
 
-#include "common/KroStatus.h"
 #include "common/RegistryFile.h"
 #include "common/WinHelper.h"
+#include "core/KroStatus.h"
 
 extern char** environ;  // the process's environment, handed on to the tools it runs
 

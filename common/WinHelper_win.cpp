@@ -6,8 +6,8 @@
 #include <memory>
 #include <new>
 
-#include "common/KroStatus.h"
 #include "common/WinHelper.h"
+#include "core/KroStatus.h"
 
 namespace kro {
 

@@ -2,8 +2,8 @@
 
 #include <sstream>
 
-#include "agent/RoutineTable.h"
-#include "common/KroStatus.h"
+#include "core/KroStatus.h"
+#include "core/RoutineTable.h"
 #include "hlp/Json.h"
 
 namespace kro {

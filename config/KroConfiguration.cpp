@@ -7,8 +7,8 @@
 #include <new>
 #include <sstream>
 
-#include "common/KroStatus.h"
 #include "common/SettingsText.h"
+#include "core/KroStatus.h"
 #include "hlp/Json.h"
 #include "logging_support/logging_support.h"
 

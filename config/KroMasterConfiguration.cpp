@@ -3,8 +3,8 @@
 #include <sstream>
 #include <string_view>
 
-#include "agent/RoutineTable.h"
-#include "common/KroStatus.h"
+#include "core/KroStatus.h"
+#include "core/RoutineTable.h"
 #include "hlp/Json.h"
 
 namespace kro {

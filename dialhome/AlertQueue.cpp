@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <sstream>
 
-#include "common/KroStatus.h"
+#include "core/KroStatus.h"
 #include "hlp/Json.h"
 #include "logging_support/logging_support.h"
 

@@ -7,7 +7,7 @@
 #include <cerrno>
 #include <cstdio>
 
-#include "common/KroStatus.h"
+#include "core/KroStatus.h"
 
 namespace kro {
 

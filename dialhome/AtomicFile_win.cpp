@@ -6,7 +6,7 @@
 #include <atomic>
 #include <limits>
 
-#include "common/KroStatus.h"
+#include "core/KroStatus.h"
 
 namespace kro {
 

@@ -4,7 +4,7 @@
 #include <cstring>
 #include <memory>
 
-#include "common/KroStatus.h"
+#include "core/KroStatus.h"
 #include "hlp/Json.h"
 
 namespace kro {

@@ -10,8 +10,8 @@
 #include <vector>
 
 #include "common/FilePath.h"
-#include "common/KroStatus.h"
 #include "common/WinHelper.h"
+#include "core/KroStatus.h"
 #include "dialhome/AtomicFile.h"
 #include "hlp/Json.h"
 #include "logging_support/logging_support.h"

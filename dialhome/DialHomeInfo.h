@@ -4,7 +4,7 @@
 #include <string>
 #include <string_view>
 
-#include "agent/KroAgentTypes.h"
+#include "core/KroAgentTypes.h"
 
 namespace hlp {
 class JsonWriter;

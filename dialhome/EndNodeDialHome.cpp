@@ -9,10 +9,10 @@
 #include <string_view>
 
 #include "common/FilePath.h"
-#include "common/KroStatus.h"
 #include "common/WinHelper.h"
 #include "config/KroAgentConfiguration.h"
 #include "config/KroConfigurationManager.h"
+#include "core/KroStatus.h"
 #include "dialhome/DialHomeFrame.h"
 #include "dialhome/SystemInventory.h"
 #include "hlp/HttpClient.h"

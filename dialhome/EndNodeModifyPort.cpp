@@ -9,7 +9,7 @@
 #include <string>
 #include <string_view>
 
-#include "common/KroStatus.h"
+#include "core/KroStatus.h"
 #include "hlp/Json.h"
 
 namespace kro {

@@ -4,7 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "agent/RoutineTable.h"
+#include "core/RoutineTable.h"
 
 namespace kro {
 

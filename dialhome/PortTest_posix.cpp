@@ -3,7 +3,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include "common/KroStatus.h"
+#include "core/KroStatus.h"
 #include "dialhome/EndNodeModifyPort.h"
 
 namespace kro {

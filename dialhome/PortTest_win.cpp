@@ -1,7 +1,7 @@
 #include <winsock2.h>
 #include <ws2tcpip.h>
 
-#include "common/KroStatus.h"
+#include "core/KroStatus.h"
 #include "dialhome/EndNodeModifyPort.h"
 
 namespace kro {

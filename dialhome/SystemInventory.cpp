@@ -6,8 +6,8 @@
 #include <limits>
 #include <string>
 
-#include "common/KroStatus.h"
 #include "common/WinHelper.h"
+#include "core/KroStatus.h"
 #include "hlp/Json.h"
 
 namespace kro {

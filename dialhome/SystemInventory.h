@@ -6,7 +6,7 @@
 #include <string_view>
 #include <vector>
 
-#include "agent/KroAgentTypes.h"
+#include "core/KroAgentTypes.h"
 #include "dialhome/DialHomeInfo.h"
 
 namespace hlp {

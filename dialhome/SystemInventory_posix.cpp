@@ -20,8 +20,8 @@
 #include <utility>
 #include <vector>
 
-#include "common/KroStatus.h"
 #include "common/WinHelper.h"
+#include "core/KroStatus.h"
 #include "dialhome/SystemInventory.h"
 
 namespace kro::detail {

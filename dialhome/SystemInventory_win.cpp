@@ -10,8 +10,8 @@
 #include <string>
 #include <vector>
 
-#include "common/KroStatus.h"
 #include "common/WinHelper.h"
+#include "core/KroStatus.h"
 #include "dialhome/SystemInventory.h"
 
 namespace kro::detail {

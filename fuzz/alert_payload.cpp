@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "alerts/AlertPayload.h"
-#include "common/KroStatus.h"
+#include "core/KroStatus.h"
 #include "dialhome/DialHomeFrame.h"
 #include "fuzz/FuzzSupport.h"
 #include "hlp/Json.h"

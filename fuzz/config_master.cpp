@@ -4,8 +4,8 @@
 #include <cstdint>
 #include <string>
 
-#include "common/KroStatus.h"
 #include "config/KroMasterConfiguration.h"
+#include "core/KroStatus.h"
 #include "fuzz/FuzzSupport.h"
 #include "fuzz/SettingsFileFuzz.h"
 #include "hlp/Json.h"

@@ -8,7 +8,7 @@
 #include <sstream>
 #include <string>
 
-#include "common/KroStatus.h"
+#include "core/KroStatus.h"
 #include "dialhome/DialHomeInfo.h"
 #include "fuzz/FuzzSupport.h"
 #include "hlp/Json.h"

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "common/KroStatus.h"
+#include "core/KroStatus.h"
 #include "dialhome/DialHomeFrame.h"
 #include "fuzz/FuzzSupport.h"
 

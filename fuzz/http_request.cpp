@@ -24,9 +24,9 @@
 #include <boost/beast/http/parser.hpp>
 #include <boost/beast/http/string_body.hpp>
 
-#include "agent/RoutineTable.h"
-#include "common/KroStatus.h"
 #include "common/WinHelper.h"
+#include "core/KroStatus.h"
+#include "core/RoutineTable.h"
 #include "fuzz/FuzzSupport.h"
 #include "nvthreads/nvthreads.h"
 #include "server/KroServer.h"

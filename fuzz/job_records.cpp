@@ -8,8 +8,8 @@
 #include <string>
 #include <string_view>
 
-#include "agent/RoutineTable.h"
-#include "common/KroStatus.h"
+#include "core/KroStatus.h"
+#include "core/RoutineTable.h"
 #include "fuzz/FuzzSupport.h"
 #include "server/JobRecord.h"
 #include "server/UpstreamQueue.h"

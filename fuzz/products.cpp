@@ -7,7 +7,7 @@
 #include <string>
 
 #include "agent/InstalledProducts.h"
-#include "common/KroStatus.h"
+#include "core/KroStatus.h"
 #include "fuzz/FuzzSupport.h"
 #include "hlp/Json.h"
 

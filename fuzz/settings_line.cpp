@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <string>
 
-#include "common/KroStatus.h"
+#include "core/KroStatus.h"
 #include "dialhome/DialHomeInfo.h"
 #include "fuzz/FuzzSupport.h"
 

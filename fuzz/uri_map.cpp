@@ -8,7 +8,7 @@
 #include <string>
 
 #include "common/FilePath.h"
-#include "common/KroStatus.h"
+#include "core/KroStatus.h"
 #include "fuzz/FuzzSupport.h"
 #include "server/BrowserRouter.h"
 

@@ -6,7 +6,7 @@
 #include <sstream>
 #include <string>
 
-#include "common/KroStatus.h"
+#include "core/KroStatus.h"
 #include "fuzz/FuzzSupport.h"
 #include "server/WebConfiguration.h"
 

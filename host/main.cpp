@@ -7,7 +7,7 @@
 #include <string>
 
 #include "agent/IKroAgent.h"
-#include "common/KroStatus.h"
+#include "core/KroStatus.h"
 #include "host/HostPlatform.h"
 
 namespace {

@@ -57,7 +57,7 @@ mutant client-body-type-swapped platform/hlp/HttpClient.cpp "$HL" \
   '"application/octet-stream"' '"text/plain"'
 mutant json-depth-limit-dropped platform/hlp/JsonParse.h "$HL" \
   'if (depth_ == kJsonMaxDepth) {' 'if (false) {'
-mutant compare-signed-bytes platform/hlp/StringCompare.h "$HL" \
+mutant compare-signed-bytes core/StringCompare.h "core_tests $HL" \
   'return ca < cb;' 'return static_cast<signed char>(ca) < static_cast<signed char>(cb);'
 mutant registry-lock-missing common/RegistryFile.cpp "common_tests" \
   'rc = ::flock(fd_, LOCK_EX);' 'rc = 0;'
@@ -73,7 +73,7 @@ mutant timer-drifts platform/nvthreads/Pool.cpp "nvthreads_tests" \
   'auto next = due + period;' 'auto next = now + period;'
 mutant ui-port-fallback-off-by-one agent/KroAgent.cpp "agent_tests" \
   'port = value < 1 ? kDefaultUIPort' 'port = value < 0 ? kDefaultUIPort'
-mutant routine-registration-lock-missing agent/RoutineTable.cpp "agent_tests config_tests" \
+mutant routine-registration-lock-missing core/RoutineTable.cpp "agent_tests config_tests" \
   'std::unique_lock<std::shared_mutex> guard(lock_);\n    map_.emplace(std::string(name)' \
   'map_.emplace(std::string(name)'
 

@@ -6,8 +6,8 @@
 #include <new>
 
 #include "common/FilePath.h"
-#include "common/KroStatus.h"
 #include "common/WinHelper.h"
+#include "core/KroStatus.h"
 #include "server/RequestChecks.h"
 #include "server/RoutineCall.h"
 #include "server/ThreadPriority.h"

@@ -6,7 +6,7 @@
 #include <string>
 #include <string_view>
 
-#include "agent/RoutineTable.h"
+#include "core/RoutineTable.h"
 #include "server/FileCache.h"
 
 namespace kro {

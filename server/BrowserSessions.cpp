@@ -1,7 +1,7 @@
 #include "server/BrowserSessions.h"
 
-#include "common/KroStatus.h"
 #include "common/WinHelper.h"
+#include "core/KroStatus.h"
 #include "hlp/Json.h"
 #include "server/RequestChecks.h"
 

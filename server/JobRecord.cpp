@@ -4,7 +4,7 @@
 #include <limits>
 #include <new>
 
-#include "common/KroStatus.h"
+#include "core/KroStatus.h"
 
 namespace kro {
 namespace {

@@ -5,8 +5,8 @@
 #include <filesystem>
 
 #include "common/FilePath.h"
-#include "common/KroStatus.h"
 #include "common/WinHelper.h"
+#include "core/KroStatus.h"
 #include "hlp/SSLContext.h"
 #include "hlp/WinsockHelper.h"
 #include "nvthreads/nvthreads.h"

@@ -9,7 +9,7 @@
 #include <utility>
 #include <vector>
 
-#include "agent/RoutineTable.h"
+#include "core/RoutineTable.h"
 #include "hlp/HttpServer.h"
 #include "logging_support/logging_support.h"
 

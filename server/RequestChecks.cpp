@@ -2,7 +2,7 @@
 
 #include <climits>
 
-#include "common/KroStatus.h"
+#include "core/KroStatus.h"
 
 namespace kro {
 namespace {

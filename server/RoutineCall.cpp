@@ -2,7 +2,7 @@
 
 #include <functional>
 
-#include "common/KroStatus.h"
+#include "core/KroStatus.h"
 
 namespace kro {
 

@@ -3,7 +3,7 @@
 #include <cstddef>
 #include <string_view>
 
-#include "agent/RoutineTable.h"
+#include "core/RoutineTable.h"
 
 namespace kro {
 

@@ -3,8 +3,8 @@
 #include <climits>
 #include <cstdio>
 
-#include "common/KroStatus.h"
 #include "common/WinHelper.h"
+#include "core/KroStatus.h"
 #include "hlp/HttpStatus.h"
 #include "hlp/RequestInfo.h"
 #include "logging_support/logging_support.h"

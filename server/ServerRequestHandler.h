@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "agent/RoutineTable.h"
+#include "core/RoutineTable.h"
 #include "hlp/HttpServerConnection.h"
 #include "hlp/IRequestHandler.h"
 #include "hlp/Socket.h"

@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "common/KroStatus.h"
 #include "common/WinHelper.h"
+#include "core/KroStatus.h"
 #include "server/JobRecord.h"
 #include "server/KroServer.h"
 #include "server/UpstreamQueue.h"

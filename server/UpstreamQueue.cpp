@@ -4,7 +4,7 @@
 #include <functional>
 #include <string>
 
-#include "common/KroStatus.h"
+#include "core/KroStatus.h"
 #include "hlp/Json.h"
 #include "logging_support/logging_support.h"
 #include "server/JobRecord.h"

@@ -8,7 +8,7 @@
 #include <string_view>
 #include <vector>
 
-#include "agent/RoutineTable.h"
+#include "core/RoutineTable.h"
 
 namespace kro {
 

@@ -5,8 +5,8 @@
 #include <fstream>
 
 #include "common/FilePath.h"
-#include "common/KroStatus.h"
 #include "common/WinHelper.h"
+#include "core/KroStatus.h"
 #include "hlp/TcpClient.h"
 #include "server/RequestChecks.h"
 

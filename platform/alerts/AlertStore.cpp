@@ -6,7 +6,7 @@
 #include <system_error>
 
 #include "alerts/AlertPayload.h"
-#include "common/KroStatus.h"
+#include "core/KroStatus.h"
 #include "logging_support/logging_support.h"
 
 namespace KroAlerts {

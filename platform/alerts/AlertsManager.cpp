@@ -13,7 +13,7 @@
 
 #include "alerts/AlertPayload.h"
 #include "alerts/AlertStore.h"
-#include "common/KroStatus.h"
+#include "core/KroStatus.h"
 #include "hlp/Json.h"
 #include "logging_support/logging_support.h"
 
@@ -241,7 +241,7 @@ AlertsManager::~AlertsManager() = default;
 
 AlertsManager* AlertsManager::initialize(
     AlertsAgentInterface* callbacks, const char** folders,
-    std::map<std::string, std::function<RoutineFn>, hlp::case_insensitive_less>& routines) {
+    std::map<std::string, std::function<RoutineFn>, kro::case_insensitive_less>& routines) {
   AlertsManager* manager = nullptr;
   const long result = Guarded([&]() -> long {
     manager = new (std::nothrow) AlertsManager();

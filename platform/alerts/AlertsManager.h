@@ -6,11 +6,11 @@
 #include <memory>
 #include <string>
 
-#include "agent/KroAgentTypes.h"
 #include "alerts/Alert.h"
 #include "alerts/AlertsAgentInterface.h"
 #include "alerts/DataSchema.h"
-#include "hlp/StringCompare.h"
+#include "core/KroAgentTypes.h"
+#include "core/StringCompare.h"
 
 namespace KroAlerts {
 
@@ -53,7 +53,7 @@ class AlertsManager {
    */
   static AlertsManager* initialize(
       AlertsAgentInterface* callbacks, const char** folders,
-      std::map<std::string, std::function<RoutineFn>, hlp::case_insensitive_less>& routines);
+      std::map<std::string, std::function<RoutineFn>, kro::case_insensitive_less>& routines);
   /** @brief Closes the database and frees the manager; the routine then answers NotAvailable. */
   static void cleanup(AlertsManager* manager);
 

@@ -31,7 +31,7 @@
 #include <openssl/x509.h>
 #include <openssl/x509_vfy.h>
 
-#include "common/KroStatus.h"
+#include "core/KroStatus.h"
 #include "hlp/SystemTrust.h"
 
 namespace hlp {

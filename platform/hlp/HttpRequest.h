@@ -4,7 +4,7 @@
 #include <string>
 #include <utility>
 
-#include "hlp/StringCompare.h"
+#include "core/StringCompare.h"
 
 namespace hlp {
 
@@ -18,13 +18,13 @@ class HttpRequest {
 
   const std::string& Path() const { return path_; }
   const std::string& Body() const { return body_; }
-  const std::map<std::string, std::string, case_insensitive_less>& Headers() const {
+  const std::map<std::string, std::string, kro::case_insensitive_less>& Headers() const {
     return headers_;
   }
 
  private:
   std::string path_;
-  std::map<std::string, std::string, case_insensitive_less> headers_;
+  std::map<std::string, std::string, kro::case_insensitive_less> headers_;
   std::string body_;
 };
 

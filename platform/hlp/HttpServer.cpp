@@ -7,7 +7,7 @@
 #include <thread>
 #include <utility>
 
-#include "common/KroStatus.h"
+#include "core/KroStatus.h"
 #include "hlp/FreeMemory.h"
 #include "hlp/HttpServerConnection.h"
 #include "hlp/IRequestHandler.h"

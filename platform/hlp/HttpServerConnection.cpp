@@ -4,13 +4,13 @@
 #include <cstring>
 #include <string_view>
 
-#include "common/KroStatus.h"
+#include "core/KroStatus.h"
+#include "core/StringCompare.h"
 #include "hlp/AcceptedSocket.h"
 #include "hlp/HttpAnswer.h"
 #include "hlp/HttpStatus.h"
 #include "hlp/RequestInfo.h"
 #include "hlp/ServerSession.h"
-#include "hlp/StringCompare.h"
 
 namespace hlp {
 namespace detail {
@@ -25,7 +25,7 @@ long ConnectionLost() {
 
 bool HasConnectionField(std::string_view head) {
   static constexpr std::string_view kName = "connection:";
-  const case_insensitive_less less;
+  const kro::case_insensitive_less less;
   for (size_t at = head.find("\r\n"); at != std::string_view::npos;
        at = head.find("\r\n", at + 2)) {
     const std::string_view name = head.substr(at + 2, kName.size());

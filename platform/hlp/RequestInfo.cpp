@@ -4,7 +4,7 @@ namespace hlp {
 namespace {
 
 bool EqualsIgnoringCase(std::string_view a, std::string_view b) {
-  const case_insensitive_less less;
+  const kro::case_insensitive_less less;
   return !less(a, b) && !less(b, a);
 }
 

@@ -4,7 +4,7 @@
 #include <string>
 #include <string_view>
 
-#include "hlp/StringCompare.h"
+#include "core/StringCompare.h"
 
 namespace hlp {
 
@@ -15,7 +15,7 @@ class RequestInfo {
   std::string uri;        // the request target as sent ("/arbalo/index.html?x=1")
   unsigned version = 11;  // 10 for HTTP/1.0, 11 for HTTP/1.1
   /** @brief Header fields by name, names compared without regard to case; values raw. */
-  std::multimap<std::string, std::string, case_insensitive_less> headers;
+  std::multimap<std::string, std::string, kro::case_insensitive_less> headers;
 
   /** @brief The first field of that name; false (value untouched) when absent. */
   bool GetHeader(std::string_view name, std::string& value) const;

@@ -11,7 +11,7 @@
 #include <openssl/ssl.h>
 #include <openssl/x509.h>
 
-#include "common/KroStatus.h"
+#include "core/KroStatus.h"
 
 namespace hlp {
 

@@ -10,6 +10,7 @@
 #include <boost/beast/http/error.hpp>
 #include <boost/beast/http/parser.hpp>
 
+#include "core/StringCompare.h"
 #include "hlp/AcceptedSocket.h"
 #include "hlp/HttpAnswer.h"
 #include "hlp/HttpServerConnection.h"
@@ -18,7 +19,6 @@
 #include "hlp/SSLContext.h"
 #include "hlp/ServerCore.h"
 #include "hlp/Socket.h"
-#include "hlp/StringCompare.h"
 
 namespace hlp::detail {
 
@@ -57,7 +57,7 @@ void Trim(std::string& buffer) {
 }
 
 bool EqualsIgnoringCase(std::string_view a, std::string_view b) {
-  const case_insensitive_less less;
+  const kro::case_insensitive_less less;
   return !less(a, b) && !less(b, a);
 }
 

@@ -9,8 +9,8 @@
 
 #include "agent/KroAgent.h"
 #include "alerts/AlertsManager.h"
-#include "common/KroStatus.h"
 #include "common/WinHelper.h"
+#include "core/KroStatus.h"
 #include "tests/support/Routines.h"
 #include "tests/support/TestSupport.h"
 

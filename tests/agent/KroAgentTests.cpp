@@ -11,8 +11,8 @@
 #include <vector>
 
 #include "agent/KroVersion.h"
-#include "common/KroStatus.h"
 #include "common/WinHelper.h"
+#include "core/KroStatus.h"
 #include "hlp/TcpClient.h"
 #include "nvthreads/nvthreads.h"
 #include "tests/agent/AgentTestSupport.h"

@@ -5,10 +5,10 @@
 #include <string>
 
 #include "agent/InstalledProducts.h"
-#include "common/KroStatus.h"
 #include "common/WinHelper.h"
 #include "config/KroAgentConfiguration.h"
 #include "config/KroMasterConfiguration.h"
+#include "core/KroStatus.h"
 #include "logging_support/logging_support.h"
 #include "tests/support/TestSupport.h"
 

@@ -9,7 +9,7 @@
 #include <thread>
 #include <vector>
 
-#include "common/KroStatus.h"
+#include "core/KroStatus.h"
 #include "tests/support/TestSupport.h"
 
 #ifndef _WIN32

@@ -10,7 +10,7 @@
 #include <utility>
 #include <vector>
 
-#include "common/KroStatus.h"
+#include "core/KroStatus.h"
 #include "tests/support/TestSupport.h"
 
 namespace kro {

@@ -5,12 +5,12 @@
 #include <filesystem>
 #include <string>
 
-#include "agent/RoutineTable.h"
-#include "common/KroStatus.h"
 #include "common/WinHelper.h"
 #include "config/KroAgentConfiguration.h"
 #include "config/KroConfigurationManager.h"
 #include "config/KroMasterConfiguration.h"
+#include "core/KroStatus.h"
+#include "core/RoutineTable.h"
 #include "tests/support/Routines.h"
 #include "tests/support/TestSupport.h"
 

@@ -8,8 +8,8 @@
 #include <tuple>
 #include <vector>
 
-#include "common/KroStatus.h"
 #include "common/WinHelper.h"
+#include "core/KroStatus.h"
 #include "dialhome/AtomicFile.h"
 #include "tests/support/TestSupport.h"
 

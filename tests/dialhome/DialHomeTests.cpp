@@ -10,8 +10,8 @@
 #include <tuple>
 #include <vector>
 
-#include "common/KroStatus.h"
 #include "common/WinHelper.h"
+#include "core/KroStatus.h"
 #include "dialhome/DialHomeFrame.h"
 #include "dialhome/SystemInventory.h"
 #include "hlp/Json.h"

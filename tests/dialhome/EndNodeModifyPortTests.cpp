@@ -8,8 +8,8 @@
 #include <string>
 #include <tuple>
 
-#include "agent/RoutineTable.h"
-#include "common/KroStatus.h"
+#include "core/KroStatus.h"
+#include "core/RoutineTable.h"
 #include "tests/support/Routines.h"
 #include "tests/support/TestSupport.h"
 

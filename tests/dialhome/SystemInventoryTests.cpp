@@ -9,8 +9,8 @@
 #include <tuple>
 #include <vector>
 
-#include "common/KroStatus.h"
 #include "common/WinHelper.h"
+#include "core/KroStatus.h"
 #include "hlp/Json.h"
 #include "tests/support/TestSupport.h"
 

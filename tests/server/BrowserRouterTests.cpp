@@ -5,8 +5,8 @@
 #include <cstring>
 #include <stdexcept>
 
-#include "common/KroStatus.h"
 #include "common/WinHelper.h"
+#include "core/KroStatus.h"
 #include "tests/support/TestSupport.h"
 
 namespace kro {

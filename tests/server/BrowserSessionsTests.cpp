@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "common/KroStatus.h"
+#include "core/KroStatus.h"
 
 namespace kro {
 namespace {

@@ -7,8 +7,8 @@
 #include <memory>
 #include <utility>
 
-#include "common/KroStatus.h"
 #include "common/WinHelper.h"
+#include "core/KroStatus.h"
 #include "nvthreads/nvthreads.h"
 #include "server/UpperTierRoutines.h"
 #include "tests/support/Routines.h"

@@ -9,8 +9,8 @@
 #include <memory>
 #include <tuple>
 
-#include "common/KroStatus.h"
 #include "common/WinHelper.h"
+#include "core/KroStatus.h"
 #include "nvthreads/nvthreads.h"
 #include "server/KroServer.h"
 #include "server/ServerRequestHandler.h"

@@ -4,7 +4,7 @@
 
 #include <tuple>
 
-#include "common/KroStatus.h"
+#include "core/KroStatus.h"
 
 namespace kro {
 namespace {

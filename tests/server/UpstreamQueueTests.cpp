@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "common/KroStatus.h"
+#include "core/KroStatus.h"
 #include "server/JobRecord.h"
 
 namespace kro {

@@ -5,7 +5,7 @@
 #include <sstream>
 #include <tuple>
 
-#include "common/KroStatus.h"
+#include "core/KroStatus.h"
 #include "tests/support/TestSupport.h"
 
 namespace kro {

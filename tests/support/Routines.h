@@ -7,7 +7,7 @@
 #include <string>
 #include <string_view>
 
-#include "agent/RoutineTable.h"
+#include "core/RoutineTable.h"
 
 namespace kro::test {
 

@@ -8,7 +8,7 @@
 #include <utility>
 #include <vector>
 
-#include "common/KroStatus.h"
+#include "core/KroStatus.h"
 #include "tests/platform/alerts/AlertsTestSupport.h"
 #include "tests/support/TestSupport.h"
 

@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "alerts/AlertStore.h"
-#include "common/KroStatus.h"
+#include "core/KroStatus.h"
 #include "tests/platform/alerts/AlertsTestSupport.h"
 #include "tests/support/TestSupport.h"
 

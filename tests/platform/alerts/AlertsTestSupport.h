@@ -15,7 +15,7 @@
 
 namespace kro::test {
 
-using AlertRoutines = std::map<std::string, std::function<RoutineFn>, hlp::case_insensitive_less>;
+using AlertRoutines = std::map<std::string, std::function<RoutineFn>, kro::case_insensitive_less>;
 
 /** @brief The agent's side as the alerts tests see it: records every payload handed over. */
 class RecordingCallbacks : public KroAlerts::AlertsAgentInterface {

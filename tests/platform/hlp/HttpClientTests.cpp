@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "common/KroStatus.h"
+#include "core/KroStatus.h"
 #include "hlp/SSLContext.h"
 #include "tests/support/HttpTestSupport.h"
 #include "tests/support/TestSupport.h"

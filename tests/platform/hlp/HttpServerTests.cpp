@@ -10,7 +10,7 @@
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/write.hpp>
 
-#include "common/KroStatus.h"
+#include "core/KroStatus.h"
 #include "hlp/TcpClient.h"
 #include "tests/support/HttpTestSupport.h"
 #include "tests/support/TestSupport.h"

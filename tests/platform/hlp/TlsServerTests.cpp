@@ -7,7 +7,7 @@
 
 #include <openssl/ssl.h>
 
-#include "common/KroStatus.h"
+#include "core/KroStatus.h"
 #include "tests/support/HttpTestSupport.h"
 #include "tests/support/TestSupport.h"
 

@@ -1,9 +1,9 @@
-#include "agent/RoutineTable.h"
+#include "core/RoutineTable.h"
 
 #include <mutex>
 #include <new>
 
-#include "common/KroStatus.h"
+#include "core/KroStatus.h"
 
 namespace KroAgent {
 

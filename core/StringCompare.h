@@ -2,7 +2,7 @@
 
 #include <string_view>
 
-namespace hlp {
+namespace kro {
 
 /**
  * @brief Case-insensitive ordering of narrow strings (ASCII letters fold; other bytes compare
@@ -28,4 +28,4 @@ struct case_insensitive_less {
   }
 };
 
-}  // namespace hlp
+}  // namespace kro

@@ -6,13 +6,13 @@
 #include <string>
 #include <string_view>
 
-#include "agent/KroAgentTypes.h"
-#include "hlp/StringCompare.h"
+#include "core/KroAgentTypes.h"
+#include "core/StringCompare.h"
 
 namespace KroAgent {
 
 /** @brief Routines by name, names compared without regard to case. */
-using RoutineMap = std::map<std::string, std::function<RoutineFn>, hlp::case_insensitive_less>;
+using RoutineMap = std::map<std::string, std::function<RoutineFn>, kro::case_insensitive_less>;
 
 /**
  * @brief The agent's routine map and the lock that guards it.

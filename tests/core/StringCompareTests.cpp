@@ -1,4 +1,4 @@
-#include "hlp/StringCompare.h"
+#include "core/StringCompare.h"
 
 #include <gtest/gtest.h>
 
@@ -21,7 +21,7 @@ TEST(StringCompareTests, OrdersFoldedBytesAsUnsigned) {
       {"", "", false},
       {"Same", "sAME", false},
   };
-  const hlp::case_insensitive_less less;
+  const kro::case_insensitive_less less;
   for (const auto& [wantA, b, wantLess] : cases) {
     SCOPED_TRACE(std::string(wantA) + " < " + b);
     EXPECT_EQ(less(wantA, b), wantLess);
