@@ -5,6 +5,7 @@
 
 #include "agent/KroAgent.h"
 #include "common/WinHelper.h"
+#include "core/InstallLayout.h"
 #include "dialhome/EndNodeDialHome.h"
 #include "dialhome/SystemInventory.h"
 
@@ -41,9 +42,9 @@ int AlertAgentCallbacks::GetAgentFolder(char* buffer, size_t bufferSize) {
   }
   try {
     std::wstring install;
-    kro::ReadRegistryString(install, kSetupKey, L"InstallDir");
+    kro::ReadRegistryString(install, kro::kSetupKey, kro::kInstallDirValue);
     std::string folder;
-    kro::WideToUtf8(install + L"Kesta", folder);
+    kro::WideToUtf8(install + kro::kDataFolder, folder);
     CopyTruncated(folder, buffer, bufferSize);
   } catch (...) {
     buffer[0] = '\0';

@@ -12,6 +12,7 @@
 #include "agent/KroVersion.h"
 #include "common/SettingsText.h"
 #include "common/WinHelper.h"
+#include "core/InstallLayout.h"
 #include "core/KroStatus.h"
 #include "hlp/Json.h"
 #include "logging_support/logging_support.h"
@@ -26,7 +27,6 @@ constexpr int32_t kGrowthStep = 4;
 // Longest executable path the default Kesta folder is derived from.
 constexpr size_t kMaxExecutablePath = 1023;
 
-constexpr char kProductsFile[] = "Products.cfg";
 // Whoever installed the agent installed the service beside it; its version stands for the
 // product's when the file gives none.
 constexpr char kServiceExecutable[] = "aservice.exe";
@@ -229,7 +229,7 @@ long InstalledProducts::ReloadProducts() {
     }
 
     EnsureKestaFolder();
-    const std::string file = kestaFolder_ + kProductsFile;
+    const std::string file = kestaFolder_ + kro::kProductsFile;
     std::string text;
     if (const long result = ReadWholeFile(file, text); result != status::Ok) {
       if (result == status::MalformedData) {

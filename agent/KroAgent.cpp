@@ -183,9 +183,9 @@ long KroAgent::InitAlerting() {
     alertCallbacks_ = nullptr;
 
     std::wstring install;
-    kro::ReadRegistryString(install, kSetupKey, L"InstallDir");
+    kro::ReadRegistryString(install, kro::kSetupKey, kro::kInstallDirValue);
     std::string folder;
-    kro::WideToUtf8(install + L"Kesta" + kro::kPathSeparator, folder);
+    kro::WideToUtf8(install + kro::kDataFolder + kro::kPathSeparator, folder);
 
     alertCallbacks_ = &alertCallbackObject_;
     // The manager copies the folder; the list lives only for this call.

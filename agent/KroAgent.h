@@ -7,6 +7,7 @@
 #include "agent/AlertAgentCallbacks.h"
 #include "agent/IKroAgent.h"
 #include "alerts/DataSchema.h"
+#include "core/InstallLayout.h"
 #include "core/RoutineTable.h"
 #include "dialhome/DialHomeInfo.h"
 #include "dialhome/EndNodeDialHome.h"
@@ -32,8 +33,7 @@ namespace KroAgent {
 
 /** @brief Registry key of the agent's own values ("AgentPort", "AgentSSL", "AgentUIPort"). */
 inline constexpr const wchar_t* kArbaloKey = L"SOFTWARE\\Norvane Technologies\\Arbalo";
-/** @brief Registry key of the installation values ("InstallDir", "ProductVersion"). */
-inline constexpr const wchar_t* kSetupKey = L"SOFTWARE\\Norvane Technologies\\Arbalo\\Setup";
+using kro::kSetupKey;
 
 inline constexpr const char* kMainPool = "AgentMainPool";
 inline constexpr const char* kMainThread = "AgentMainThread";

@@ -12,6 +12,7 @@
 #include "common/FilePath.h"
 #include "common/WinHelper.h"
 #include "config/KroConfigurationManager.h"
+#include "core/InstallLayout.h"
 #include "core/KroStatus.h"
 #include "hlp/OpenSSL.h"
 #include "logging_support/logging_support.h"
@@ -36,17 +37,18 @@ KRO_AGENT_API long InitKroAgent(void) {
     logging_support::create_logger_for_product(Module().logger, "KroAgent", logFile);
 
     std::wstring installDir;
-    kro::ReadRegistryString(installDir, KroAgent::kSetupKey, L"InstallDir");
+    kro::ReadRegistryString(installDir, kro::kSetupKey, kro::kInstallDirValue);
     // The settings folder is set even without an installation folder: the file is then looked
     // for relative to the working directory, and its absence only leaves the defaults.
     std::string policy;
-    kro::WideToUtf8(installDir + L"Kesta" + kro::kPathSeparator + L"Policy", policy);
+    kro::WideToUtf8(installDir + kro::kDataFolder + kro::kPathSeparator + kro::kPolicyFolder,
+                    policy);
     kro::KroConfigurationManager::Instance().SetDataDirectory(policy);
 
     std::string install;
     if (!installDir.empty() && kro::WideToUtf8(installDir, install) == kro::status::Ok) {
-      KroAgent::InstalledProducts::Instance().SetFolders(install,
-                                                         install + "Kesta" + kro::kPathSeparatorA);
+      KroAgent::InstalledProducts::Instance().SetFolders(
+          install, install + kro::kDataFolderA + kro::kPathSeparatorA);
     }
     // A missing or broken "Products.cfg" leaves the table empty; the agent runs all the same.
     KroAgent::InstalledProducts::Instance().ReloadProducts();

@@ -11,6 +11,7 @@
 
 #include "common/FilePath.h"
 #include "common/WinHelper.h"
+#include "core/InstallLayout.h"
 #include "core/KroStatus.h"
 #include "dialhome/AtomicFile.h"
 #include "hlp/Json.h"
@@ -19,10 +20,6 @@
 namespace kro {
 
 namespace {
-
-constexpr const wchar_t* kSetupKey = L"SOFTWARE\\Norvane Technologies\\Arbalo\\Setup";
-constexpr const wchar_t* kInstallDirValue = L"InstallDir";
-constexpr const wchar_t* kFileName = L"DialHomeInfo.txt";
 
 // Phase lengths in hours: the first phase may be skipped, the others last at least two hours,
 // and none longer than thirty days.
@@ -454,7 +451,7 @@ long GetDialHomeInfoPath(std::wstring& path) {
       folder += kPathSeparator;
     }
     // The second separator doubles the first; the file system accepts it and it stays so.
-    path = folder + kPathSeparator + kFileName;
+    path = folder + kPathSeparator + kDialHomeFile;
     return status::Ok;
   } catch (...) {
     return status::Failure;

@@ -7,14 +7,13 @@
 #include <string>
 
 #include "common/WinHelper.h"
+#include "core/InstallLayout.h"
 #include "core/KroStatus.h"
 #include "hlp/Json.h"
 
 namespace kro {
 
 namespace {
-
-constexpr const wchar_t* kSetupKey = L"SOFTWARE\\Norvane Technologies\\Arbalo\\Setup";
 
 // Registry strings are bounded so a corrupt value cannot make the agent read megabytes.
 constexpr size_t kMaxRegistryBytes = 4096;
@@ -54,7 +53,7 @@ long ToNarrow(const std::wstring& text, std::string& out) {
 
 long ReadPackedProductVersion(uint32_t& packed) {
   std::wstring text;
-  const long result = RegistryReadSz(kSetupKey, L"ProductVersion", kMaxRegistryBytes, text);
+  const long result = RegistryReadSz(kSetupKey, kProductVersionValue, kMaxRegistryBytes, text);
   if (status::Failed(result)) {
     return result;
   }

@@ -33,7 +33,7 @@ std::wstring UiFolderOf(const std::wstring& installDir) {
   if (folder.back() != L'\\' && folder.back() != L'/') {
     folder += kPathSeparator;
   }
-  folder += L"User Interface";
+  folder += kUiFolder;
   folder += kPathSeparator;
   return folder;
 }

@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "core/InstallLayout.h"
 #include "core/RoutineTable.h"
 #include "hlp/HttpServerConnection.h"
 #include "hlp/IRequestHandler.h"
@@ -22,10 +23,6 @@ class RequestInfo;
 namespace kro {
 
 class KroServer;
-
-/** @brief Registry key and value naming the installation folder. */
-inline constexpr const wchar_t* kSetupKey = L"SOFTWARE\\Norvane Technologies\\Arbalo\\Setup";
-inline constexpr const wchar_t* kInstallDirValue = L"InstallDir";
 
 /**
  * @brief Serves the connections of a KroServer: each on a worker of its own auto-sized pool,

@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "core/InstallLayout.h"
+
 struct sqlite3;
 
 namespace KroAlerts {
@@ -42,7 +44,7 @@ struct AlertQuery {
  */
 class AlertStore {
  public:
-  static constexpr const char* kFileName = "alerts.db";
+  static constexpr const char* kFileName = kro::kAlertsFile;
 
   AlertStore() = default;
   ~AlertStore();

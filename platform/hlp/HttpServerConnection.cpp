@@ -96,6 +96,21 @@ struct ConnectionState {
 
 }  // namespace detail
 
+namespace {
+
+// What Read and Write check before they move a byte; Pending means the transfer may go on.
+long AdmitTransfer(const detail::ConnectionState* state, const void* bytes, size_t length) {
+  if (state == nullptr || state->failed) {
+    return kro::status::NotAvailable;
+  }
+  if (length == 0) {
+    return kro::status::Ok;
+  }
+  return bytes == nullptr ? kro::status::WinInvalidParameter : kro::status::Pending;
+}
+
+}  // namespace
+
 HttpServerConnection::HttpServerConnection(HttpServer* server) : server_(server) {}
 
 HttpServerConnection::~HttpServerConnection() {
@@ -154,14 +169,8 @@ long HttpServerConnection::ReadRequest(RequestInfo& request) {
 }
 
 long HttpServerConnection::Read(char* buffer, size_t length) {
-  if (!state_ || state_->failed) {
-    return kro::status::NotAvailable;
-  }
-  if (length == 0) {
-    return kro::status::Ok;
-  }
-  if (buffer == nullptr) {
-    return kro::status::WinInvalidParameter;
+  if (const long st = AdmitTransfer(state_.get(), buffer, length); st != kro::status::Pending) {
+    return st;
   }
   detail::ConnectionState& state = *state_;
   const std::string& body = state.session->body;
@@ -176,14 +185,8 @@ long HttpServerConnection::Read(char* buffer, size_t length) {
 }
 
 long HttpServerConnection::Write(const char* data, size_t length) {
-  if (!state_ || state_->failed) {
-    return kro::status::NotAvailable;
-  }
-  if (length == 0) {
-    return kro::status::Ok;
-  }
-  if (data == nullptr) {
-    return kro::status::WinInvalidParameter;
+  if (const long st = AdmitTransfer(state_.get(), data, length); st != kro::status::Pending) {
+    return st;
   }
   try {
     return state_->Send(std::string_view(data, length));
