@@ -14,6 +14,7 @@
 #include "common/WinHelper.h"
 #include "core/InstallLayout.h"
 #include "core/KroStatus.h"
+#include "core/RoutineTable.h"
 #include "hlp/Json.h"
 #include "logging_support/logging_support.h"
 
@@ -469,16 +470,7 @@ long GetInstalledProductsBrowser(const char* /*request*/, size_t /*requestLen*/,
       return status::MalformedData;
     }
 
-    const std::string text = out.str();
-    *responseLen = text.size();
-    char* buffer = new (std::nothrow) char[text.size() + 1];
-    if (buffer == nullptr) {
-      return status::OutOfMemory;
-    }
-    std::memcpy(buffer, text.data(), text.size());
-    buffer[text.size()] = '\0';
-    *response = buffer;
-    return status::Ok;
+    return HandOverAnswer(out.str(), response, responseLen);
   } catch (...) {
     return status::Failure;
   }

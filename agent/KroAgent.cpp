@@ -510,18 +510,7 @@ void KroAgent::SetAgentRemoteUI(bool enabled) {
 
 long KroAgent::SendRoleVer(const char* /*request*/, size_t /*requestLen*/, const char** response,
                            size_t* responseLen) {
-  if (response == nullptr || responseLen == nullptr) {
-    return status::NotAvailable;
-  }
-  constexpr size_t kSize = sizeof(kVersionText);
-  char* buffer = new (std::nothrow) char[kSize];
-  if (buffer == nullptr) {
-    return status::OutOfMemory;
-  }
-  std::memcpy(buffer, kVersionText, kSize);
-  *response = buffer;
-  *responseLen = kSize - 1;
-  return status::Ok;
+  return HandOverAnswer(kVersionText, response, responseLen);
 }
 
 long KroAgent::SetupUIRoutineList() {
@@ -579,15 +568,7 @@ long KroAgent::GetAgentStatus(const char* /*request*/, size_t /*requestLen*/, co
       return status::MalformedData;
     }
 
-    const std::string json = text.str();
-    char* buffer = new (std::nothrow) char[json.size() + 1];
-    if (buffer == nullptr) {
-      return status::OutOfMemory;
-    }
-    std::memcpy(buffer, json.c_str(), json.size() + 1);
-    *response = buffer;
-    *responseLen = json.size();
-    return status::Ok;
+    return HandOverAnswer(text.str(), response, responseLen);
   } catch (...) {
     return status::OutOfMemory;
   }

@@ -9,6 +9,7 @@
 
 #include "common/SettingsText.h"
 #include "core/KroStatus.h"
+#include "core/RoutineTable.h"
 #include "hlp/Json.h"
 #include "logging_support/logging_support.h"
 
@@ -141,7 +142,7 @@ long KroConfiguration::GetConfigure(const char* /*request*/, size_t /*requestLen
     if (status::Failed(result)) {
       return result;
     }
-    const long copied = CopyToResponse(text, response, responseLen);
+    const long copied = KroAgent::HandOverAnswer(text, response, responseLen);
     return status::Failed(copied) ? copied : result;
   } catch (...) {
     return status::Failure;
@@ -220,21 +221,6 @@ long KroConfiguration::FinishJson(const hlp::JsonWriter& writer, const std::ostr
     return status::Failure;
   }
   text = out.str();
-  return status::Ok;
-}
-
-long KroConfiguration::CopyToResponse(const std::string& text, const char** response,
-                                      size_t* responseLen) {
-  if (response == nullptr || responseLen == nullptr) {
-    return status::NotAvailable;
-  }
-  char* buffer = new (std::nothrow) char[text.size() + 1];
-  if (buffer == nullptr) {
-    return status::OutOfMemory;
-  }
-  std::memcpy(buffer, text.c_str(), text.size() + 1);
-  *response = buffer;
-  *responseLen = text.size();
   return status::Ok;
 }
 

@@ -97,12 +97,6 @@ class KroConfiguration {
                          std::string& text);
 
   /**
-   * @brief Hands `text` to a routine's caller in a new[] buffer with a terminating zero.
-   * 0x80000114 when a response pointer is null, 0x80000030 when the allocation fails.
-   */
-  static long CopyToResponse(const std::string& text, const char** response, size_t* responseLen);
-
-  /**
    * @brief Held for the whole of every operation. Recursive because GetConfigure holds it
    * while it calls the virtual ToJson, which takes it again.
    */

@@ -18,7 +18,7 @@ long KroMasterConfiguration::AnswerOneNumber(std::string_view name, uint64_t val
   writer.EndObject();
   std::string text;
   const long result = FinishJson(writer, out, text);
-  return status::Failed(result) ? result : CopyToResponse(text, response, responseLen);
+  return status::Failed(result) ? result : KroAgent::HandOverAnswer(text, response, responseLen);
 }
 
 void KroMasterConfiguration::SetDefaults() {

@@ -1,11 +1,27 @@
 #include "core/RoutineTable.h"
 
+#include <cstring>
 #include <mutex>
 #include <new>
 
 #include "core/KroStatus.h"
 
 namespace KroAgent {
+
+long HandOverAnswer(std::string_view text, const char** response, size_t* responseLen) noexcept {
+  if (response == nullptr || responseLen == nullptr) {
+    return kro::status::NotAvailable;
+  }
+  char* buffer = new (std::nothrow) char[text.size() + 1];
+  if (buffer == nullptr) {
+    return kro::status::OutOfMemory;
+  }
+  std::memcpy(buffer, text.data(), text.size());
+  buffer[text.size()] = '\0';
+  *response = buffer;
+  *responseLen = text.size();
+  return kro::status::Ok;
+}
 
 long RoutineTable::Register(const char* name, std::function<RoutineFn> routine) {
   if (name == nullptr) {

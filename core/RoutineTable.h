@@ -11,6 +11,13 @@
 
 namespace KroAgent {
 
+/**
+ * @brief Hands `text` to a routine's caller as the answer: a copy with a terminating zero, that
+ * the caller releases through the routine map's release. Every routine answers through this.
+ * @return 0; NotAvailable without answer slots; OutOfMemory when the copy cannot be made.
+ */
+long HandOverAnswer(std::string_view text, const char** response, size_t* responseLen) noexcept;
+
 /** @brief Routines by name, names compared without regard to case. */
 using RoutineMap = std::map<std::string, std::function<RoutineFn>, kro::case_insensitive_less>;
 

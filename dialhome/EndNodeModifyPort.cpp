@@ -64,15 +64,7 @@ long HandBack(const std::string& reply, const char** response, size_t* responseL
   if (reply.empty()) {
     return status::MalformedData;
   }
-  char* buffer = new (std::nothrow) char[reply.size() + 1];
-  if (buffer == nullptr) {
-    return status::OutOfMemory;
-  }
-  std::memcpy(buffer, reply.data(), reply.size());
-  buffer[reply.size()] = '\0';
-  *response = buffer;
-  *responseLen = reply.size();
-  return status::Ok;
+  return KroAgent::HandOverAnswer(reply, response, responseLen);
 }
 
 }  // namespace

@@ -14,6 +14,7 @@
 #include "alerts/AlertPayload.h"
 #include "alerts/AlertStore.h"
 #include "core/KroStatus.h"
+#include "core/RoutineTable.h"
 #include "hlp/Json.h"
 #include "logging_support/logging_support.h"
 
@@ -159,17 +160,6 @@ bool RequestedCount(std::string_view request, int64_t& count, std::string& why) 
   return true;
 }
 
-long HandOver(const std::string& text, const char** response, size_t* responseLen) {
-  char* buffer = new (std::nothrow) char[text.size() + 1];
-  if (buffer == nullptr) {
-    return status::OutOfMemory;
-  }
-  std::memcpy(buffer, text.c_str(), text.size() + 1);
-  *response = buffer;
-  *responseLen = text.size();
-  return status::Ok;
-}
-
 /**
  * @brief The "/Arbalo/Requests/getAlerts.json" routine: {"alerts":[...],"total":N,"unsent":M},
  * the newest alerts first (as many as RequestedCount says), the number stored and how many of
@@ -198,7 +188,7 @@ struct GetAlertsRoutine {
         writer.Name("error");
         writer.String(why);
         writer.EndObject();
-        const long handed = HandOver(out.str(), response, responseLen);
+        const long handed = KroAgent::HandOverAnswer(out.str(), response, responseLen);
         return handed != status::Ok ? handed : status::MalformedData;
       }
       const std::shared_ptr<AlertsCore> state = core.lock();
@@ -223,9 +213,10 @@ struct GetAlertsRoutine {
           return result;
         }
       }
-      return HandOver("{\"alerts\":" + AlertArrayJson(records) + ",\"total\":" +
-                          std::to_string(total) + ",\"unsent\":" + std::to_string(unsent) + "}",
-                      response, responseLen);
+      return KroAgent::HandOverAnswer("{\"alerts\":" + AlertArrayJson(records) +
+                                          ",\"total\":" + std::to_string(total) +
+                                          ",\"unsent\":" + std::to_string(unsent) + "}",
+                                      response, responseLen);
     });
   }
 };
