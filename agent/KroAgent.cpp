@@ -17,6 +17,7 @@
 #include "config/KroAgentConfiguration.h"
 #include "config/KroConfigurationManager.h"
 #include "core/KroStatus.h"
+#include "core/StringCompare.h"
 #include "hlp/ComHelper.h"
 #include "hlp/Json.h"
 #include "logging_support/logging_support.h"
@@ -57,20 +58,6 @@ constexpr SchemaName kSchemaNames[] = {
     {"NET_DOMAIN", KroAlerts::NET_DOMAIN}, {"UPDATE", KroAlerts::UPDATE},
     {"BIOS_GUID", KroAlerts::BIOS_GUID},
 };
-
-bool EqualIgnoringCase(const char* a, const char* b) {
-  for (;; ++a, ++b) {
-    const auto fold = [](char c) {
-      return (c >= 'a' && c <= 'z') ? static_cast<char>(c - 'a' + 'A') : c;
-    };
-    if (fold(*a) != fold(*b)) {
-      return false;
-    }
-    if (*a == '\0') {
-      return true;
-    }
-  }
-}
 
 // Every alert the agent raises names the system as its first parameter.
 KroAlerts::Alert MakeAlert(const char* alertName, unsigned int code) {
@@ -441,7 +428,7 @@ long KroAgent::RemoveAlert(const char* alertName, const char* schemaName, unsign
 bool KroAgent::GetAlertDataSchema(const char* name, KroAlerts::DataSchema& schema) {
   if (name != nullptr) {
     for (const SchemaName& entry : kSchemaNames) {
-      if (EqualIgnoringCase(name, entry.name)) {
+      if (kro::EqualsIgnoringCase(name, entry.name)) {
         schema = entry.schema;
         return true;
       }

@@ -15,6 +15,7 @@
 #include <system_error>
 
 #include "core/KroStatus.h"
+#include "core/StringCompare.h"
 
 namespace kro {
 
@@ -70,19 +71,6 @@ std::string_view Trim(std::string_view text) {
   }
   const size_t last = text.find_last_not_of(" \t\r");
   return text.substr(first, last - first + 1);
-}
-
-bool StartsWithNoCase(std::string_view text, std::string_view prefix) {
-  if (text.size() < prefix.size()) {
-    return false;
-  }
-  for (size_t i = 0; i < prefix.size(); ++i) {
-    const auto upper = [](char c) { return c >= 'a' && c <= 'z' ? static_cast<char>(c - 32) : c; };
-    if (upper(text[i]) != upper(prefix[i])) {
-      return false;
-    }
-  }
-  return true;
 }
 
 int HexDigit(char c) {
@@ -239,7 +227,7 @@ std::optional<RegistryValue> ParseValue(std::string_view line) {
     value.data = RegistryFile::EncodeText(FromUtf8(*text));
     return value;
   }
-  if (StartsWithNoCase(line, "dword:")) {
+  if (StartsWithIgnoringCase(line, "dword:")) {
     const auto number = ParseHexNumber(line.substr(6), 8);
     if (!number) {
       return std::nullopt;
@@ -249,10 +237,10 @@ std::optional<RegistryValue> ParseValue(std::string_view line) {
                   static_cast<uint8_t>(*number >> 16), static_cast<uint8_t>(*number >> 24)};
     return value;
   }
-  if (StartsWithNoCase(line, "hex:")) {
+  if (StartsWithIgnoringCase(line, "hex:")) {
     value.type = RegType::Binary;
     line.remove_prefix(4);
-  } else if (StartsWithNoCase(line, "hex(")) {
+  } else if (StartsWithIgnoringCase(line, "hex(")) {
     const size_t close = line.find("):");
     const auto type = close == std::string_view::npos
                           ? std::nullopt
@@ -420,7 +408,7 @@ RegistryFile RegistryFile::Parse(std::string_view text) {
       if (line.back() == ']') {
         const std::string_view path = line.substr(1, line.size() - 2);
         // Other hives, deletions ("[-...]") and the bare root hold nothing we keep.
-        if (path.size() > kRoot.size() && StartsWithNoCase(path, kRoot)) {
+        if (path.size() > kRoot.size() && StartsWithIgnoringCase(path, kRoot)) {
           const RegistryKey& key = registry.CreateKey(FromUtf8(path.substr(kRoot.size())));
           current = static_cast<size_t>(&key - registry.keys_.data());
         }

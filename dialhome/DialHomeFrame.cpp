@@ -5,6 +5,7 @@
 #include <memory>
 
 #include "core/KroStatus.h"
+#include "core/StringCompare.h"
 #include "hlp/Json.h"
 
 namespace kro {
@@ -23,10 +24,6 @@ uint32_t GetLe32(const char* at) {
     value = (value << 8) | static_cast<unsigned char>(at[i]);
   }
   return value;
-}
-
-char FoldAscii(char c) {
-  return (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c;
 }
 
 }  // namespace
@@ -89,7 +86,7 @@ long ParseReplyRecord(const char* data, size_t size, std::string& json) {
   const char* name = data + kReplyHeaderSize;
   for (size_t i = 0; i < kDialHomeNameSize; ++i) {
     const char expected = i < kDialHomeRecordName.size() ? kDialHomeRecordName[i] : '\0';
-    if (FoldAscii(name[i]) != FoldAscii(expected)) {
+    if (kro::FoldAscii(name[i]) != kro::FoldAscii(expected)) {
       return status::MalformedData;
     }
   }

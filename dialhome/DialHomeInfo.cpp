@@ -13,6 +13,7 @@
 #include "common/WinHelper.h"
 #include "core/InstallLayout.h"
 #include "core/KroStatus.h"
+#include "core/StringCompare.h"
 #include "dialhome/AtomicFile.h"
 #include "hlp/Json.h"
 #include "logging_support/logging_support.h"
@@ -78,18 +79,6 @@ bool IsLetter(char c) {
   return Upper(c) >= 'A' && Upper(c) <= 'Z';
 }
 
-bool EqualsNoCase(std::string_view a, std::string_view b) {
-  if (a.size() != b.size()) {
-    return false;
-  }
-  for (size_t i = 0; i < a.size(); ++i) {
-    if (Upper(a[i]) != Upper(b[i])) {
-      return false;
-    }
-  }
-  return true;
-}
-
 bool IsSeparator(char c) {
   return c == ':' || c == '=';
 }
@@ -99,7 +88,7 @@ const KeyRow* MatchKey(std::string_view text, size_t pos) {
   for (const KeyRow& row : kKeyTable) {
     const size_t end = pos + row.key.size();
     if (end < text.size() && IsSeparator(text[end]) &&
-        EqualsNoCase(text.substr(pos, row.key.size()), row.key)) {
+        EqualsIgnoringCase(text.substr(pos, row.key.size()), row.key)) {
       return &row;
     }
   }

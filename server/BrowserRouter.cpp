@@ -8,6 +8,7 @@
 #include "common/FilePath.h"
 #include "common/WinHelper.h"
 #include "core/KroStatus.h"
+#include "core/StringCompare.h"
 #include "server/RequestChecks.h"
 #include "server/RoutineCall.h"
 #include "server/ThreadPriority.h"
@@ -191,12 +192,12 @@ long BrowserRouter::ServeRoutedPath(std::string_view path, const char* body, siz
 long BrowserRouter::MapUriToFile(std::string_view uri, bool agent, std::wstring& path) const {
   std::string_view relative;
   if (agent) {
-    if (!StartsWithNoCase(uri, "/arbalo/")) {
+    if (!StartsWithIgnoringCase(uri, "/arbalo/")) {
       return status::WinInvalidParameter;
     }
     relative = uri.substr(std::strlen("/arbalo/"));
   } else {
-    if (!StartsWithNoCase(uri, "/kro/")) {
+    if (!StartsWithIgnoringCase(uri, "/kro/")) {
       return status::WinInvalidParameter;
     }
     // "/kro/common/..." maps to the shared "common" folder, anything else to the folder its
@@ -273,7 +274,7 @@ long BrowserRouter::ServeFile(std::string_view uri, bool agent, AnswerBuffer& an
 
 long BrowserRouter::ServeRoutine(std::string_view uri, const char* body, size_t bodyLength,
                                  bool agent, AnswerBuffer& answer) const {
-  if (!StartsWithNoCase(uri, agent ? "/arbalo/" : "/kro/")) {
+  if (!StartsWithIgnoringCase(uri, agent ? "/arbalo/" : "/kro/")) {
     return status::WinInvalidParameter;
   }
   std::string_view name = uri;

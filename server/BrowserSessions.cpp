@@ -2,6 +2,7 @@
 
 #include "common/WinHelper.h"
 #include "core/KroStatus.h"
+#include "core/StringCompare.h"
 #include "hlp/Json.h"
 #include "server/RequestChecks.h"
 
@@ -18,7 +19,7 @@ bool IsHtmlPage(std::string_view path) {
   path = path.substr(0, end + 1);
   constexpr std::string_view kSuffix = ".html";
   return path.size() >= kSuffix.size() &&
-         StartsWithNoCase(path.substr(path.size() - kSuffix.size()), kSuffix);
+         StartsWithIgnoringCase(path.substr(path.size() - kSuffix.size()), kSuffix);
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include <climits>
 
 #include "core/KroStatus.h"
+#include "core/StringCompare.h"
 
 namespace kro {
 namespace {
@@ -10,27 +11,11 @@ namespace {
 constexpr std::string_view kComponents[] = {"KroMaster", "KroSysMgr", "KroAgent", "KroProduct"};
 constexpr std::string_view kOldBrowsers[] = {"MSIE 8.0", "MSIE 7.0", "MSIE 6.0"};
 
-char Lower(char c) {
-  return (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c;
-}
-
 bool IsBlank(char c) {
   return c == ' ' || c == '\t';
 }
 
 }  // namespace
-
-bool StartsWithNoCase(std::string_view text, std::string_view prefix) {
-  if (text.size() < prefix.size()) {
-    return false;
-  }
-  for (size_t i = 0; i < prefix.size(); ++i) {
-    if (Lower(text[i]) != Lower(prefix[i])) {
-      return false;
-    }
-  }
-  return true;
-}
 
 int LeadingInt(std::string_view text) {
   size_t i = 0;
@@ -101,7 +86,7 @@ bool IsUriAdmitted(ClientClass client, std::string_view uri) {
   if (client != ClientClass::Component && client != ClientClass::Browser) {
     return false;
   }
-  if (StartsWithNoCase(uri, "/kro/") || StartsWithNoCase(uri, "/arbalo/")) {
+  if (StartsWithIgnoringCase(uri, "/kro/") || StartsWithIgnoringCase(uri, "/arbalo/")) {
     return true;
   }
   return client == ClientClass::Browser && uri == "/";

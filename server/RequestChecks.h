@@ -43,7 +43,4 @@ int LeadingInt(std::string_view text);
 /** @brief The page an old browser gets instead of an answer. */
 std::string OldBrowserPage(bool agent);
 
-/** @brief Case-insensitive (ASCII) prefix test, as the URL space is matched. */
-bool StartsWithNoCase(std::string_view text, std::string_view prefix);
-
 }  // namespace kro

@@ -7,6 +7,7 @@
 #include "common/FilePath.h"
 #include "common/WinHelper.h"
 #include "core/KroStatus.h"
+#include "core/StringCompare.h"
 #include "hlp/TcpClient.h"
 #include "server/RequestChecks.h"
 
@@ -16,10 +17,6 @@ namespace {
 constexpr size_t kMaxExecutablePath = 259;
 constexpr size_t kMaxConfigurationPath = 279;
 constexpr uint64_t kFileTimeTicksPerSecond = 10'000'000;
-
-bool EqualsNoCase(std::string_view a, std::string_view b) {
-  return a.size() == b.size() && StartsWithNoCase(a, b);
-}
 
 bool IsSpace(char c) {
   return c == ' ' || (c >= '\t' && c <= '\r');
@@ -93,14 +90,14 @@ void WebConfiguration::ParseLine(const std::string& line) {
   if (std::sscanf(text, "%40s", keyword) != 1) {
     return;
   }
-  if (EqualsNoCase(keyword, "ReachableOptions")) {
+  if (EqualsIgnoringCase(keyword, "ReachableOptions")) {
     unsigned int timeout = 0;
     unsigned int afterSuccess = 0;
     unsigned int afterFailure = 0;
     if (std::sscanf(text, "%*40s %u %u %u", &timeout, &afterSuccess, &afterFailure) == 3) {
       options_ = ReachableOptions{timeout, afterSuccess, afterFailure};
     }
-  } else if (EqualsNoCase(keyword, "Redirect")) {
+  } else if (EqualsIgnoringCase(keyword, "Redirect")) {
     unsigned int code = 0;
     char source[261] = {};
     char target[261] = {};
@@ -152,8 +149,8 @@ bool WebConfiguration::ParseAbsoluteTarget(std::string_view target, std::string&
     return false;
   }
   const std::string_view scheme = target.substr(0, colon);
-  const bool https = EqualsNoCase(scheme, "https");
-  if (!https && !EqualsNoCase(scheme, "http")) {
+  const bool https = EqualsIgnoringCase(scheme, "https");
+  if (!https && !EqualsIgnoringCase(scheme, "http")) {
     return false;
   }
   size_t at = colon + 1;

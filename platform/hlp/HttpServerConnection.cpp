@@ -25,11 +25,10 @@ long ConnectionLost() {
 
 bool HasConnectionField(std::string_view head) {
   static constexpr std::string_view kName = "connection:";
-  const kro::case_insensitive_less less;
   for (size_t at = head.find("\r\n"); at != std::string_view::npos;
        at = head.find("\r\n", at + 2)) {
     const std::string_view name = head.substr(at + 2, kName.size());
-    if (!less(name, kName) && !less(kName, name)) {
+    if (kro::EqualsIgnoringCase(name, kName)) {
       return true;
     }
   }

@@ -1,12 +1,9 @@
 #include "hlp/RequestInfo.h"
 
+#include "core/StringCompare.h"
+
 namespace hlp {
 namespace {
-
-bool EqualsIgnoringCase(std::string_view a, std::string_view b) {
-  const kro::case_insensitive_less less;
-  return !less(a, b) && !less(b, a);
-}
 
 // Whether a comma-separated "Connection" value names `option` as one of its tokens.
 bool HasToken(std::string_view list, std::string_view option) {
@@ -19,7 +16,7 @@ bool HasToken(std::string_view list, std::string_view option) {
     while (!token.empty() && (token.back() == ' ' || token.back() == '\t')) {
       token.remove_suffix(1);
     }
-    if (EqualsIgnoringCase(token, option)) {
+    if (kro::EqualsIgnoringCase(token, option)) {
       return true;
     }
     if (comma == std::string_view::npos) {

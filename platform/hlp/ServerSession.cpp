@@ -56,11 +56,6 @@ void Trim(std::string& buffer) {
   }
 }
 
-bool EqualsIgnoringCase(std::string_view a, std::string_view b) {
-  const kro::case_insensitive_less less;
-  return !less(a, b) && !less(b, a);
-}
-
 std::string_view Std(beast::string_view text) {
   return std::string_view(text.data(), text.size());
 }
@@ -73,8 +68,8 @@ std::string RenameContentLength(std::string_view header) {
     const size_t start = lineEnd + 2;
     const size_t end = copy.find("\r\n", start);
     const size_t colon = copy.find(':', start);
-    if (colon < end &&
-        EqualsIgnoringCase(std::string_view(copy).substr(start, colon - start), "Content-Length")) {
+    if (colon < end && kro::EqualsIgnoringCase(std::string_view(copy).substr(start, colon - start),
+                                               "Content-Length")) {
       copy.replace(start, colon - start, kInvalidLengthField);
     }
     lineEnd = copy.find("\r\n", start);
@@ -193,9 +188,10 @@ HeadScan Session::ScanHead(size_t& headSize) {
   request.version = message.version();
   for (const auto& field : message) {
     const std::string_view name = Std(field.name_string());
-    request.headers.emplace(
-        invalidLength && EqualsIgnoringCase(name, kInvalidLengthField) ? "Content-Length" : name,
-        Std(field.value()));
+    request.headers.emplace(invalidLength && kro::EqualsIgnoringCase(name, kInvalidLengthField)
+                                ? "Content-Length"
+                                : name,
+                            Std(field.value()));
   }
   version = message.version();
   // Without a valid length the body cannot be told from a next request.
@@ -203,7 +199,7 @@ HeadScan Session::ScanHead(size_t& headSize) {
   peerCloses = !message.keep_alive();
   bodyLength = invalidLength ? 0 : contentLength.value_or(0);
   expectContinue =
-      bodyLength > 0 && EqualsIgnoringCase(Std(message[http::field::expect]), "100-continue");
+      bodyLength > 0 && kro::EqualsIgnoringCase(Std(message[http::field::expect]), "100-continue");
   return HeadScan::kReady;
 }
 

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <string_view>
 #include <tuple>
 
 namespace {
@@ -25,6 +26,25 @@ TEST(StringCompareTests, OrdersFoldedBytesAsUnsigned) {
   for (const auto& [wantA, b, wantLess] : cases) {
     SCOPED_TRACE(std::string(wantA) + " < " + b);
     EXPECT_EQ(less(wantA, b), wantLess);
+  }
+}
+
+TEST(StringCompareTests, EqualityAndPrefixFoldOnlyAsciiLetters) {
+  // text, other, equal, text starts with other
+  const std::tuple<std::string_view, std::string_view, bool, bool> cases[] = {
+      {"Content-Length", "content-length", true, true},
+      {"Redirect", "REDIRECT ", false, false},
+      {"dword:0000", "DWORD:", false, true},
+      {"[", "{", false, false},  // 0x5B and 0x7B: not a letter pair
+      {"\xC4", "\xE4", false, false},
+      {std::string_view("a\0b", 3), std::string_view("A\0B", 3), true, true},
+      {"", "", true, true},
+      {"x", "", false, true},
+  };
+  for (const auto& [text, other, equal, startsWith] : cases) {
+    SCOPED_TRACE(std::string(text) + " ~ " + std::string(other));
+    EXPECT_EQ(kro::EqualsIgnoringCase(text, other), equal);
+    EXPECT_EQ(kro::StartsWithIgnoringCase(text, other), startsWith);
   }
 }
 
