@@ -12,6 +12,7 @@ PKGS=(
   libssl-dev openssl ca-certificates rapidjson-dev libsqlite3-dev sqlite3
   googletest libgtest-dev libgmock-dev
   binutils procps psmisc curl python3
+  iproute2  # the end-to-end tests make a network namespace for "another machine"
   chromium
 )
 
