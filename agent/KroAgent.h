@@ -33,6 +33,7 @@ namespace KroAgent {
 
 /** @brief Registry key of the agent's own values ("AgentPort", "AgentSSL", "AgentUIPort"). */
 inline constexpr const wchar_t* kArbaloKey = L"SOFTWARE\\Norvane Technologies\\Arbalo";
+// The installation values ("InstallDir", "ProductVersion"), named with the whole layout.
 using kro::kSetupKey;
 
 inline constexpr const char* kMainPool = "AgentMainPool";
